@@ -1,0 +1,39 @@
+# Entry points. Every target runs the bootstrap first, so a fresh Debian 12
+# machine needs nothing but `make test`.
+FUZZ_SECONDS ?= 60
+JOBS ?= 2
+
+.PHONY: all bootstrap build test test-asan test-tsan bench fuzz clean
+
+all: build
+
+bootstrap:
+	@./scripts/bootstrap.sh
+
+build: bootstrap
+	@cmake --preset default >/dev/null
+	@cmake --build --preset default -j $(JOBS)
+
+test: build
+	@ctest --preset default -j $(JOBS)
+
+test-asan: bootstrap
+	@cmake --preset asan-ubsan >/dev/null
+	@cmake --build --preset asan-ubsan -j $(JOBS)
+	@ctest --preset asan-ubsan -j $(JOBS)
+
+test-tsan: bootstrap
+	@cmake --preset tsan >/dev/null
+	@cmake --build --preset tsan -j $(JOBS)
+	@TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --preset tsan -j $(JOBS)
+
+bench: build
+	@./scripts/run-benchmarks.sh build/default
+
+fuzz: bootstrap
+	@cmake --preset fuzz >/dev/null
+	@cmake --build --preset fuzz -j $(JOBS)
+	@./scripts/run-fuzzers.sh build/fuzz $(FUZZ_SECONDS)
+
+clean:
+	rm -rf build

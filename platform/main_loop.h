@@ -1,0 +1,23 @@
+// The application side of the main queue. Work submitted to
+// kx::Queue::Main() runs only inside `run` or `drain`, on the thread that
+// calls them; `fd` is an eventfd that is readable while work is pending, so
+// GLib, Qt and epoll loops can integrate without an extra thread.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+
+namespace kx::main_loop {
+
+// Runs main-queue work until `stop` is called.
+void run();
+// Runs main-queue work until `stop` is called or `timeout` passes.
+void runFor(std::chrono::nanoseconds timeout);
+// Runs the work pending now (and any due delayed work); returns how many items ran.
+size_t drain();
+// Makes `run` return after the current item.
+void stop();
+// Readable while main-queue work is pending.
+int fd();
+
+}  // namespace kx::main_loop
