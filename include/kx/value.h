@@ -157,8 +157,12 @@ class Value {
   Value(const Number& n);
   Value(bool b);  // a boolean number
   Value(int v);   // Int32
+  Value(unsigned v);  // UInt32
   Value(int64_t v);
   Value(uint64_t v);
+  Value(long long v);           // Int64
+  Value(unsigned long long v);  // UInt64
+  Value(float v);
   Value(double v);
   Value(const char* s);  // nullptr gives nil
   Value(std::string s);

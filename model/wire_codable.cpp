@@ -1,0 +1,12 @@
+#include "model/wire_codable.h"
+
+std::vector<uint8_t> WireCodable::data() const {
+  WireWriter writer;
+  writeTo(writer);
+  return writer.copyData();
+}
+
+bool WireCodable::initWithData(std::span<const uint8_t> bytes) {
+  WireReader reader(bytes);
+  return readFrom(reader);
+}

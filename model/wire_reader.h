@@ -1,0 +1,241 @@
+// WireReader: a bounds-checked cursor over Protocol Buffers wire-format
+// bytes. It never owns the bytes and never reads outside [bytes, bytes+length).
+//
+// Invariants:
+//   position() <= length() at all times; every read first checks what remains.
+//   Once the error flag is set it stays set; reads that fail return 0 or an
+//   empty value, so a decoder may check the flag once after a run of reads.
+//   length() is the current limit: inside a mark it is the end of the nested
+//   message, and recallMark restores the outer limit.
+//
+// The hot functions are inline: decoding a record is a loop of readKey and a
+// typed read per field, with one bounds check per read on the fast path.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Wire types of a field key (the key's low three bits).
+enum class WireType : uint8_t {
+  Varint = 0,
+  Fixed64 = 1,
+  LengthDelimited = 2,
+  StartGroup = 3,  // deprecated groups; skipped up to the matching end-group key
+  EndGroup = 4,    // ends the current record (the packed stream's section mark)
+  Fixed32 = 5,
+};
+
+// The saved outer limit of a nested message; see WireReader::placeMark.
+struct WireReaderMark {
+  size_t end = 0;          // position just after the nested message
+  size_t outerLength = 0;  // the limit to restore
+};
+
+class WireReader {
+ public:
+  WireReader() = default;
+  WireReader(const uint8_t* bytes, size_t length) : bytes_(bytes), length_(bytes ? length : 0) {}
+  explicit WireReader(std::span<const uint8_t> bytes) : WireReader(bytes.data(), bytes.size()) {}
+  // Derived readers (the packed-stream deserializer) own their region.
+  virtual ~WireReader() = default;
+
+  WireReader(const WireReader&) = default;
+  WireReader& operator=(const WireReader&) = default;
+
+  const uint8_t* bytes() const { return bytes_; }
+  size_t length() const { return length_; }
+  size_t position() const { return pos_; }
+  bool hasError() const { return error_; }
+  // True while unread bytes remain below the current limit.
+  bool hasMoreData() const { return pos_ < length_; }
+  void setError() { error_ = true; }
+
+  // Reads a varint of at most ten bytes. When the tenth byte still has its
+  // continuation bit the value is 0 and the ten bytes are consumed (no error:
+  // a key read this way is key 0, which readers skip). Running past the limit
+  // sets the error flag and yields 0.
+  uint64_t readVarint() {
+    if (length_ - pos_ >= kMaxVarintBytes) [[likely]] {
+      const uint8_t* p = bytes_ + pos_;
+      uint64_t b = p[0];
+      if (b < 0x80) {
+        pos_ += 1;
+        return b;
+      }
+      return readVarintUnchecked(p, b);
+    }
+    return readVarintSlow();
+  }
+  // A field key: (field number << 3) | wire type.
+  uint64_t readKey() { return readVarint(); }
+  static WireType WireTypeOfKey(uint64_t key) { return static_cast<WireType>(key & 7); }
+
+  // Integer fields take the varint's low bits, as the wire format prescribes
+  // (an int32 of -1 arrives as a ten-byte varint).
+  uint32_t readUInt32() { return static_cast<uint32_t>(readVarint()); }
+  int32_t readInt32() { return static_cast<int32_t>(readVarint()); }
+  uint64_t readUInt64() { return readVarint(); }
+  int64_t readInt64() { return static_cast<int64_t>(readVarint()); }
+  // True when the varint is non-zero and nothing failed.
+  bool readBool() {
+    uint64_t v = readVarint();
+    return v != 0 && !error_;
+  }
+
+  // Eight bytes, little-endian. Fewer than eight left: error flag, 0, and the
+  // position stays where it was.
+  double readDouble() {
+    uint64_t bits = readFixed64();
+    double d;
+    std::memcpy(&d, &bits, sizeof d);
+    return d;
+  }
+  uint64_t readFixed64() {
+    if (length_ - pos_ < 8) [[unlikely]] {
+      error_ = true;
+      return 0;
+    }
+    uint64_t v = LoadLittleEndian64(bytes_ + pos_);
+    pos_ += 8;
+    return v;
+  }
+  uint32_t readFixed32() {
+    if (length_ - pos_ < 4) [[unlikely]] {
+      error_ = true;
+      return 0;
+    }
+    const uint8_t* p = bytes_ + pos_;
+    pos_ += 4;
+    return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
+  }
+
+  // Length-delimited bytes as a view into the reader's buffer (no copy). A
+  // length beyond the limit sets the error flag and yields an empty view.
+  // The view lives as long as the underlying bytes.
+  std::span<const uint8_t> readDataView() {
+    uint64_t n = readVarint();
+    if (error_ || n > length_ - pos_) [[unlikely]] {
+      error_ = true;
+      return {};
+    }
+    std::span<const uint8_t> out(bytes_ + pos_, static_cast<size_t>(n));
+    pos_ += static_cast<size_t>(n);
+    return out;
+  }
+  std::string_view readStringView() {
+    std::span<const uint8_t> d = readDataView();
+    return {reinterpret_cast<const char*>(d.data()), d.size()};
+  }
+  // Copies; empty on failure (check hasError to tell failure from "").
+  std::string readString() { return std::string(readStringView()); }
+  std::vector<uint8_t> readData() {
+    std::span<const uint8_t> d = readDataView();
+    return {d.begin(), d.end()};
+  }
+
+  // Skips the value of a field whose key has just been read. Returns false
+  // (and sets the error flag where bytes are missing) when the value cannot
+  // be skipped: a truncated value, an end-group key (which ends the record
+  // and is never skipped), an unmatched or too deeply nested group, or wire
+  // types 6 and 7.
+  bool skipField(uint64_t key) {
+    switch (WireTypeOfKey(key)) {
+      case WireType::Varint:
+        readVarint();
+        return !error_;
+      case WireType::Fixed64:
+        return skipBytes(8);
+      case WireType::LengthDelimited: {
+        uint64_t n = readVarint();
+        return !error_ && skipBytes(n);
+      }
+      case WireType::Fixed32:
+        return skipBytes(4);
+      case WireType::StartGroup:
+        return skipGroup(key);
+      default:
+        return false;
+    }
+  }
+
+  // Reads the length of a nested message and confines reading to it; the
+  // outer limit is saved in `mark`. A length past the limit sets the error
+  // flag and returns false with the limit unchanged.
+  bool placeMark(WireReaderMark* mark) {
+    uint64_t n = readVarint();
+    if (error_ || n > length_ - pos_) [[unlikely]] {
+      error_ = true;
+      return false;
+    }
+    mark->end = pos_ + static_cast<size_t>(n);
+    mark->outerLength = length_;
+    length_ = mark->end;
+    return true;
+  }
+  // Continues after the nested message, whether or not its reader consumed
+  // all of it, and restores the outer limit.
+  void recallMark(const WireReaderMark& mark) {
+    pos_ = mark.end;
+    length_ = mark.outerLength;
+  }
+
+  static constexpr size_t kMaxVarintBytes = 10;
+  // Nesting limit of skipped groups; deeper input fails to skip.
+  static constexpr size_t kMaxGroupDepth = 64;
+
+ protected:
+  // For derived readers that attach their bytes after construction.
+  void reset(const uint8_t* bytes, size_t length) {
+    bytes_ = bytes;
+    length_ = bytes ? length : 0;
+    pos_ = 0;
+    error_ = false;
+  }
+
+ private:
+  static uint64_t LoadLittleEndian64(const uint8_t* p) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    v = __builtin_bswap64(v);
+#endif
+    return v;
+  }
+
+  // Ten bytes are known to be readable; `b` is p[0] with its high bit set.
+  uint64_t readVarintUnchecked(const uint8_t* p, uint64_t b) {
+    uint64_t result = b & 0x7f;
+    for (size_t i = 1; i < kMaxVarintBytes; ++i) {
+      b = p[i];
+      result |= (b & 0x7f) << (7 * i);
+      if (b < 0x80) {
+        pos_ += i + 1;
+        return result;
+      }
+    }
+    pos_ += kMaxVarintBytes;
+    return 0;
+  }
+
+  uint64_t readVarintSlow();
+  bool skipGroup(uint64_t startKey);
+
+  bool skipBytes(uint64_t n) {
+    if (n > length_ - pos_) [[unlikely]] {
+      error_ = true;
+      return false;
+    }
+    pos_ += static_cast<size_t>(n);
+    return true;
+  }
+
+  const uint8_t* bytes_ = nullptr;
+  size_t length_ = 0;
+  size_t pos_ = 0;
+  bool error_ = false;
+};
