@@ -143,9 +143,9 @@ const kx::Value& AsBoolean(const kx::Value& value) {
 }
 
 // Failures are logged by the notification service; the stored change stands.
-void PostInternetDomainsChanged() { kx::notify::Post(kKXSearchInternetDomainsChangedNotification); }
-
-void Erase(DomainList& list, uint32_t domain) { std::erase(list, domain); }
+void PostInternetDomainsChanged() {
+  kx::notify::Post(kKXSearchInternetDomainsChangedNotification);
+}
 
 }  // namespace
 
@@ -161,7 +161,8 @@ void ResetSearchPreferencesProcessState() {
 }  // namespace kx
 
 std::optional<std::vector<std::string>> KXCopyPrefsDomains() {
-  std::optional<KeyList> ordering = ReadList(kKXSearchResultOrderingKey, kKXSearchPreferencesDomain);
+  std::optional<KeyList> ordering =
+      ReadList(kKXSearchResultOrderingKey, kKXSearchPreferencesDomain);
   if (!ordering) {
     gOrderingMigration.run([&] {
       ordering = StringList(MoveLegacyValue(kKXSearchResultOrderingKey, Verbatim),
@@ -217,7 +218,7 @@ std::vector<uint32_t> KXGetDomainOrdering(bool includeTopHits) {
       result.push_back(domain);
   }
 
-  for (uint32_t hidden : {kSettings, kCloudDocument, kMapCategory}) Erase(result, hidden);
+  for (uint32_t hidden : {kSettings, kCloudDocument, kMapCategory}) std::erase(result, hidden);
   return result;
 }
 

@@ -60,8 +60,9 @@ class SearchPreferencesTest : public testing::Test {
 
 TEST_F(SearchPreferencesTest, DefaultOrderingSlotsMissingDomainsBeforeItsLastEntry) {
   EXPECT_TRUE(KXDomainOrderingIsTransient());
-  EXPECT_EQ(KXGetDomainOrdering(true),
-            (DomainList{0, 4, 16, 2, 20, 6, 7, 8, 9, 5, 10, 24, 25, 26, 17, 3, 12, 13, 18, 22, 23}));
+  const DomainList expected{0,  4,  16, 2,  20, 6,  7,  8,  9,  5, 10,
+                            24, 25, 26, 17, 3,  12, 13, 18, 22, 23};
+  EXPECT_EQ(KXGetDomainOrdering(true), expected);
   EXPECT_EQ(KXGetDomainOrdering(false).front(), 4u);
 }
 
@@ -89,10 +90,6 @@ TEST_F(SearchPreferencesTest, StoredOrderingsGainServerSuggestionsAndKeepTheirEn
                      "DOMAIN_VANTLE", "DOMAIN_MAPCATEGORY", "DOMAIN_MUSIC"}));
   EXPECT_EQ(KXGetDomainOrdering(false),
             (DomainList{17, 26, 16, 2, 3, 4, 5, 7, 8, 9, 10, 12, 13, 18, 20, 22, 23, 24, 25, 6}));
-
-  // An empty stored ordering orders like none at all.
-  Store(kKXSearchResultOrderingKey, List({}), kCurrent);
-  EXPECT_EQ(KXGetDomainOrdering(true).size(), 21u);
 }
 
 TEST_F(SearchPreferencesTest, OrderingMovesFromTheLegacyDomainOncePerProcess) {

@@ -4,16 +4,10 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/text_lines.h"
+
 namespace kx {
 namespace {
-
-std::string_view Trim(std::string_view s) {
-  const char* const blanks = " \t\r\n";
-  const size_t begin = s.find_first_not_of(blanks);
-  if (begin == std::string_view::npos) return {};
-  const size_t end = s.find_last_not_of(blanks);
-  return s.substr(begin, end - begin + 1);
-}
 
 // Removes one level of shell quoting: 'single' is literal, "double" honours
 // backslash escapes, bare words honour backslash escapes too.
@@ -56,7 +50,7 @@ std::string DeviceTreeChassis() {
 
 // SMBIOS chassis type 30 is "Tablet"; no DMI type stands for a handset.
 DeviceKind DmiDeviceKind() {
-  const std::string type(Trim(ReadFile("/sys/class/dmi/id/chassis_type")));
+  const std::string type(TrimBlanks(ReadFile("/sys/class/dmi/id/chassis_type")));
   return type == "30" ? DeviceKind::Tablet : DeviceKind::Other;
 }
 
@@ -77,16 +71,13 @@ DeviceKind DeviceKindForChassis(std::string_view chassis) {
 
 std::string ChassisFromMachineInfo(std::string_view contents) {
   std::string chassis;
-  while (!contents.empty()) {
-    const size_t newline = contents.find('\n');
-    const std::string_view line = Trim(contents.substr(0, newline));
-    contents = newline == std::string_view::npos ? std::string_view() : contents.substr(newline + 1);
-    if (line.empty() || line.front() == '#' || line.front() == ';') continue;
+  ForEachTrimmedLine(contents, [&](std::string_view line) {
+    if (line.empty() || line.front() == '#' || line.front() == ';') return;
     const size_t equals = line.find('=');
-    if (equals == std::string_view::npos || Trim(line.substr(0, equals)) != "CHASSIS") continue;
+    if (equals == std::string_view::npos || TrimBlanks(line.substr(0, equals)) != "CHASSIS") return;
     // A later assignment wins, as it would when the file is sourced.
-    chassis = Unquote(Trim(line.substr(equals + 1)));
-  }
+    chassis = Unquote(TrimBlanks(line.substr(equals + 1)));
+  });
   return chassis;
 }
 

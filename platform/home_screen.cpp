@@ -8,18 +8,12 @@
 #include "kx/log.h"
 #include "platform/localized_strings.h"
 #include "platform/process_info.h"
+#include "platform/text_lines.h"
 
 namespace kx {
 namespace {
 
 using Entry = std::map<std::string, std::string, std::less<>>;
-
-std::string_view Trim(std::string_view s) {
-  const char* const blanks = " \t\r";
-  const size_t begin = s.find_first_not_of(blanks);
-  if (begin == std::string_view::npos) return {};
-  return s.substr(begin, s.find_last_not_of(blanks) - begin + 1);
-}
 
 // Resolves the escapes the desktop entry format defines for string values.
 std::string Unescape(std::string_view value) {
@@ -50,7 +44,13 @@ bool IsValidDisplayIdentifier(std::string_view identifier) {
 
 std::optional<Entry> FindEntry(std::string_view displayIdentifier) {
   if (!IsValidDisplayIdentifier(displayIdentifier)) return std::nullopt;
-  std::vector<std::string> directories{UserLibraryDirectory()};
+  std::vector<std::string> directories;
+  try {
+    directories.push_back(UserLibraryDirectory());
+  } catch (const DirectoryError& error) {
+    // The system's entries still answer without a usable user directory.
+    KXLOG(3, "Skipping the user's applications: %s", error.reason());
+  }
   for (std::string& directory : DataDirectories()) directories.push_back(std::move(directory));
   for (const std::string& directory : directories) {
     const std::string path =
@@ -72,22 +72,19 @@ std::optional<Entry> FindEntry(std::string_view displayIdentifier) {
 std::optional<Entry> ParseDesktopEntry(std::string_view contents) {
   Entry entry;
   bool inGroup = false, sawGroup = false;
-  while (!contents.empty()) {
-    const size_t newline = contents.find('\n');
-    const std::string_view line = Trim(contents.substr(0, newline));
-    contents = newline == std::string_view::npos ? std::string_view() : contents.substr(newline + 1);
-    if (line.empty() || line.front() == '#') continue;
+  ForEachTrimmedLine(contents, [&](std::string_view line) {
+    if (line.empty() || line.front() == '#') return;
     if (line.front() == '[') {
       inGroup = line == "[Desktop Entry]";
       sawGroup |= inGroup;
-      continue;
+      return;
     }
     const size_t equals = line.find('=');
-    if (!inGroup || equals == std::string_view::npos) continue;
+    if (!inGroup || equals == std::string_view::npos) return;
     // The first occurrence of a key counts; duplicates are malformed.
-    entry.emplace(std::string(Trim(line.substr(0, equals))),
-                  Unescape(Trim(line.substr(equals + 1))));
-  }
+    entry.emplace(std::string(TrimBlanks(line.substr(0, equals))),
+                  Unescape(TrimBlanks(line.substr(equals + 1))));
+  });
   if (!sawGroup) return std::nullopt;
   if (auto hidden = entry.find("Hidden"); hidden != entry.end() && hidden->second == "true")
     return std::nullopt;

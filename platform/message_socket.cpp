@@ -152,10 +152,8 @@ std::optional<ServiceListener> ListenOnService(std::string_view name, std::strin
     RemoveServiceSocketFile(listener);
     return std::nullopt;
   }
-  // Accepting blocks in its own thread: the descriptor stays in blocking
-  // mode, readiness is waited for with poll.
-  int flags = fcntl(listener.fd.get(), F_GETFL);
-  if (flags >= 0) fcntl(listener.fd.get(), F_SETFL, flags & ~O_NONBLOCK);
+  // The descriptor stays non-blocking: the accepting thread waits with poll
+  // and must not park in accept when another process took the connection.
   return listener;
 }
 
@@ -195,9 +193,9 @@ ScopedFd TakeActivationSocket(std::string_view name) {
     return ScopedFd();
   }
   taken.insert(fd);
+  // Close-on-exec is a descriptor flag, private to this process; the file
+  // status flags are shared with the launcher and stay as they are.
   fcntl(fd, F_SETFD, FD_CLOEXEC);
-  int flags = fcntl(fd, F_GETFL);
-  if (flags >= 0 && (flags & O_NONBLOCK)) fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
   return ScopedFd(fd);
 }
 

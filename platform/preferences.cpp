@@ -143,7 +143,7 @@ std::unique_lock<std::mutex> Store::Fresh(Domain& domain) {
   lock.lock();
   // Another thread may have installed a later version meanwhile; the next
   // read's stat corrects that, so there is no need to order versions here.
-  if (!domain.loaded || !(domain.stamp == contents.stamp)) {
+  if (!domain.loaded || domain.stamp != contents.stamp) {
     InstallAndReport(domain, contents, lock);
   }
   return lock;

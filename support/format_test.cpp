@@ -12,12 +12,16 @@ namespace {
 
 std::string C(const char* f, ...) __attribute__((format(printf, 1, 2)));
 std::string C(const char* f, ...) {
-  char buf[512];
-  va_list ap;
+  va_list ap, again;
   va_start(ap, f);
-  int n = std::vsnprintf(buf, sizeof buf, f, ap);
+  va_copy(again, ap);
+  const int n = std::vsnprintf(nullptr, 0, f, ap);
+  std::string out(static_cast<size_t>(n) + 1, '\0');
+  std::vsnprintf(out.data(), out.size(), f, again);
+  va_end(again);
   va_end(ap);
-  return std::string(buf, static_cast<size_t>(n));
+  out.pop_back();
+  return out;
 }
 
 // The same directive through snprintf and through Format must agree.
@@ -81,7 +85,8 @@ TEST(FormatTest, ObjectDirective) {
   EXPECT_EQ(Format("<%@>", std::shared_ptr<Named>()), "<(null)>");
   const Named* raw = nullptr;
   EXPECT_EQ(Format("<%@>", raw), "<(null)>");
-  EXPECT_EQ(Format("%@", std::optional<std::string>()), "(null)");
+  const std::optional<std::string> none, some("s");
+  EXPECT_EQ(Format("%@%@", none, some), "(null)s");
   // Width and precision count characters.
   EXPECT_EQ(Format("[%6@][%-6@][%.2@]", Value("\xC3\xA9t\xC3\xA9"), Value("ab"),
                    Value("\xC3\xA9t\xC3\xA9")),

@@ -523,6 +523,12 @@ T* MutableContainer(StoragePtr& storage, Value::Kind kind) {
     return nullptr;
   } else if (storage.use_count() > 1) {
     storage = std::make_shared<S>(kind, std::get<T>(storage->payload));
+  } else {
+    // We are the sole owner, but a former co-owner on another thread may
+    // have read the storage just before dropping its reference. use_count()
+    // is a relaxed load; copying the pointer is an acquire-release increment
+    // on the same count, which orders those reads before our writes.
+    StoragePtr probe = storage;
   }
   auto* s = const_cast<S*>(storage.get());
   return &std::get<T>(s->payload);

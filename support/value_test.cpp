@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <limits>
+#include <thread>
 #include <unordered_set>
 
 namespace kx {
@@ -92,6 +93,21 @@ TEST(ValueTest, ContainersCopyOnWrite) {
   Value s("text");
   EXPECT_EQ(s.mutableArray(), nullptr);
   EXPECT_EQ(s, Value("text"));
+}
+
+// A copy read and dropped on another thread must not race with the owner's
+// later in-place mutation (checked by the thread-sanitizer build).
+TEST(ValueTest, CopyOnWriteIsSafeAcrossThreads) {
+  for (int round = 0; round < 50; ++round) {
+    Value a(Array{1, 2, 3});
+    std::thread reader([copy = a]() mutable {
+      EXPECT_EQ(copy.count(), 3u);
+      copy = Value();
+    });
+    while (a.mutableArray() && a.count() < 1000) a.mutableArray()->push_back(round);
+    reader.join();
+    EXPECT_EQ(a.count(), 1000u);
+  }
 }
 
 class Thing : public Object {
