@@ -1,5 +1,4 @@
 #include "platform/restrictions.h"
-#include <cstdio>
 
 #include "platform/notification_center.h"
 #include "platform/notify.h"
@@ -54,7 +53,7 @@ class PreferenceRestrictionSettings final : public RestrictionSettings {
   void reload() {
     KX_ASSERT_ON_QUEUE(queue_);
     PreferenceStore::Synchronize(kRestrictionsPreferenceDomain);
-    Dictionary now = PreferenceStore::CopyAll(kRestrictionsPreferenceDomain);fprintf(stderr,"reload now=%s last=%s\n", Value(now).description().c_str(), Value(last_).description().c_str());
+    Dictionary now = PreferenceStore::CopyAll(kRestrictionsPreferenceDomain);
     if (now == last_) return;
     last_ = std::move(now);
     settingsChanged();
@@ -100,8 +99,9 @@ void RestrictionSettings::settingsChanged(std::optional<Dictionary> userInfo) {
     std::lock_guard lock(mu_);
     std::erase_if(observers_, [&live](const std::weak_ptr<Observer>& w) {
       auto o = w.lock();
-      if (o) live.push_back(std::move(o));
-      return !o;
+      if (!o) return true;
+      live.push_back(std::move(o));
+      return false;
     });
   }
   for (const auto& observer : live) observer->restrictionSettingsDidChange(*this, userInfo);
