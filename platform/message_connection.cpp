@@ -107,6 +107,10 @@ struct MessageConnection::State {
   // Guarded by `mu`.
   ScopedFd fd;    // client and peer: closed with the connection
   ScopedFd wake;  // listener: eventfd that stops the accept loop
+  // Listener: the listening socket, owned by the accept loop once it runs,
+  // and the socket file when this process bound it (not for a launcher's).
+  ScopedFd listening;
+  std::optional<ServiceListener> bound;
   bool resumed = false;
   bool connected = false;
   bool readerActive = false;
@@ -420,17 +424,6 @@ struct MessageConnection::State {
 
   void runListener(const std::shared_ptr<MessageConnection>& self) {
     pthread_setname_np(pthread_self(), "kx-msg-listen");
-    ScopedFd listening = TakeActivationSocket(name);
-    std::optional<ServiceListener> bound;
-    if (!listening) {
-      std::string error;
-      bound = ListenOnService(name, &error);
-      if (!bound) {
-        KXLOG(3, "Cannot listen on service %s: %s", name, error);
-        return finish(self, End::Unreachable);
-      }
-      listening = std::move(bound->fd);
-    }
     int wakeFd;
     {
       std::lock_guard lock(mu);
@@ -466,6 +459,7 @@ struct MessageConnection::State {
     // of waiting in a backlog that nobody serves.
     listening.reset();
     if (bound) RemoveServiceSocketFile(*bound);
+    bound.reset();
     finish(self, End::Unreachable);
   }
 };
@@ -530,9 +524,17 @@ void MessageConnection::resume() {
     }
   }
   if (s.role == Role::Listener) {
+    // Listening starts here, so clients can connect once resume returns.
+    std::string error = "no eventfd";
     s.wake.reset(eventfd(0, EFD_CLOEXEC));
-    if (!s.wake) {
-      KXLOG(3, "Cannot listen on service %s: %s", s.name, std::strerror(errno));
+    if (s.wake) {
+      s.listening = TakeActivationSocket(s.name);
+      if (!s.listening && (s.bound = ListenOnService(s.name, &error))) {
+        s.listening = std::move(s.bound->fd);
+      }
+    }
+    if (!s.listening) {
+      KXLOG(3, "Cannot listen on service %s: %s", s.name, error);
       s.ended = true;
       s.postFinalLocked(self);
       return;

@@ -141,12 +141,14 @@ std::optional<ServiceListener> ListenOnService(std::string_view name, std::strin
     }
     unlink(path->c_str());
   }
+  // Before taking the file's identity: chmod changes its change time.
+  chmod(path->c_str(), 0600);
   struct stat st;
   if (lstat(path->c_str(), &st) == 0) {
     listener.device = st.st_dev;
     listener.inode = st.st_ino;
+    listener.changed = st.st_ctim;
   }
-  chmod(path->c_str(), 0600);
   if (listen(listener.fd.get(), SOMAXCONN) != 0) {
     *error = std::strerror(errno);
     RemoveServiceSocketFile(listener);
@@ -160,7 +162,9 @@ std::optional<ServiceListener> ListenOnService(std::string_view name, std::strin
 void RemoveServiceSocketFile(const ServiceListener& listener) {
   struct stat st;
   if (listener.path.empty() || lstat(listener.path.c_str(), &st) != 0) return;
-  if (st.st_dev == listener.device && st.st_ino == listener.inode) unlink(listener.path.c_str());
+  if (st.st_dev == listener.device && st.st_ino == listener.inode &&
+      st.st_ctim.tv_sec == listener.changed.tv_sec && st.st_ctim.tv_nsec == listener.changed.tv_nsec)
+    unlink(listener.path.c_str());
 }
 
 ScopedFd TakeActivationSocket(std::string_view name) {

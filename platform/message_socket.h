@@ -7,6 +7,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <time.h>
 
 #include <optional>
 #include <string>
@@ -32,9 +33,11 @@ struct ServiceListener {
   ScopedFd fd;
   std::string path;
   // Identity of the socket file created by bind, so that only that file is
-  // ever removed.
+  // ever removed. File systems reuse inode numbers at once, so the change
+  // time (nanoseconds) is part of it.
   dev_t device = 0;
   ino_t inode = 0;
+  timespec changed{};
 };
 
 // Binds and listens on the named service's socket file. A socket file that

@@ -72,7 +72,9 @@ TEST_F(PreferenceFileTest, EveryVersionGetsADistinctLaterStamp) {
   for (int i = 0; i < 200; ++i) {
     const FileStamp written = Write(Value(MakeDictionary({{"n", i % 10}})), previous);
     ASSERT_EQ(written, StatPreferenceFile(path_));
-    if (previous.exists) ASSERT_GT(written.modifiedNs, previous.modifiedNs) << i;
+    if (previous.exists) {
+      ASSERT_GT(written.modifiedNs, previous.modifiedNs) << i;
+    }
     previous = written;
   }
 }

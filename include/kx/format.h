@@ -6,7 +6,13 @@
 // inserts the argument's description; an absent object prints "(null)", as
 // does a null C string for "%s". Arguments are type-safe: they are captured
 // as `FormatArg`s, so a mismatch between a conversion and its argument
-// converts the argument instead of reading garbage.
+// converts the argument instead of reading garbage. Positional arguments
+// ("%2$@", "%1$*2$d") work as in POSIX printf.
+//
+// Too few arguments never crash: a directive whose argument is missing prints
+// nothing, except "%@", which prints "(null)". "%p" prints "0x" and hex
+// digits ("0x0" for null); "%n" writes nothing; an unknown or unfinished
+// directive is copied as it stands. Width and precision saturate at 2^20.
 #pragma once
 
 #include <cstdint>

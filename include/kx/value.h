@@ -215,7 +215,8 @@ class Value {
   // Number of entries of an array or dictionary, bytes of data, else 0.
   size_t count() const;
 
-  // Deep value equality (objects by `isEqual`); numbers numerically.
+  // Deep value equality (objects by `isEqual`); numbers numerically, and a
+  // NaN equals a NaN so that equality stays reflexive for hashed containers.
   bool operator==(const Value& other) const;
   size_t hash() const;
   // The platform's textual description: strings bare, numbers in decimal,
