@@ -119,7 +119,9 @@ TEST_F(KeyedArchiveTest, PlainValuesRoundTripWithTheirStoredTypes) {
   ASSERT_EQ(back, Value(d)) << back.description();
   // Equality of numbers is numeric; the stored type must survive as well.
   for (const auto& [key, v] : d) {
-    if (v.number()) EXPECT_EQ(back[key].number()->type(), v.number()->type()) << key;
+    if (v.number()) {
+      EXPECT_EQ(back[key].number()->type(), v.number()->type()) << key;
+    }
   }
   EXPECT_NE(back["empty data"].data(), nullptr);
   EXPECT_NE(back["empty string"].string(), nullptr);
