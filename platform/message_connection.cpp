@@ -19,10 +19,9 @@
 
 #include "kx/assert.h"
 #include "kx/log.h"
-#include "platform/asio.h"
 #include "platform/message_codec.h"
 #include "platform/message_socket.h"
-#include "platform/thread_pool.h"
+#include "platform/message_write_waiter.h"
 
 namespace kx {
 namespace {
@@ -121,8 +120,7 @@ struct MessageConnection::State {
   uint64_t nextSerial = 1;
   std::unordered_map<uint64_t, PendingReply> pending;
   std::deque<Queued> queued;
-  std::unique_ptr<asio::posix::stream_descriptor> writeWatcher;  // on a duplicate of fd
-  bool writeWaitArmed = false;
+  bool writeWaitArmed = false;  // registered with the WritableWaiter
   std::optional<PeerIdentity> identity;
 
   const std::shared_ptr<Queue>& targetLocked() {
@@ -142,7 +140,8 @@ struct MessageConnection::State {
     for (Queued& q : queued)
       if (q.barrier) queue->async(std::move(q.barrier));
     queued.clear();
-    if (writeWatcher) writeWatcher->cancel();
+    if (writeWaitArmed) WritableWaiter::Shared().cancel(fd.get());
+    writeWaitArmed = false;
   }
 
   void answerLocked(uint64_t serial, MessageError error) {
@@ -206,25 +205,13 @@ struct MessageConnection::State {
 
   void armWriteWaitLocked(const std::shared_ptr<MessageConnection>& self) {
     if (writeWaitArmed || ended) return;
-    // A fresh registration per wait: asio registers descriptors
-    // edge-triggered, and only adding EPOLLOUT to a registration reports a
-    // socket that became writable before the wait was armed. Waits happen
-    // only when the peer falls behind, so the cost does not matter.
-    ScopedFd copy(fcntl(fd.get(), F_DUPFD_CLOEXEC, 0));
-    if (!copy) {
-      KXLOG(3, "Cannot wait for room on %s: %s", name, std::strerror(errno));
-      return;
-    }
-    writeWatcher = std::make_unique<asio::posix::stream_descriptor>(
-        ThreadPool::Shared().context(), copy.release());
-    writeWaitArmed = true;
-    writeWatcher->async_wait(asio::posix::stream_descriptor::wait_write,
-                             [self](const std::error_code& ec) {
-                               State& s = *self->state_;
-                               std::lock_guard lock(s.mu);
-                               s.writeWaitArmed = false;
-                               if (!ec) s.flushLocked(self);
-                             });
+    writeWaitArmed = WritableWaiter::Shared().watch(fd.get(), [self] {
+      State& s = *self->state_;
+      std::lock_guard lock(s.mu);
+      s.writeWaitArmed = false;
+      s.flushLocked(self);
+    });
+    if (!writeWaitArmed) KXLOG(3, "Cannot wait for room on %s", name);
   }
 
   void send(const std::shared_ptr<MessageConnection>& self, const MessageDictionary& message,

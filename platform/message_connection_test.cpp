@@ -13,7 +13,6 @@
 #include <sstream>
 #include <thread>
 
-#include "kx/log.h"
 #include "platform/helper_process_testing.h"
 #include "platform/message_codec.h"
 #include "platform/message_socket.h"
@@ -437,7 +436,6 @@ TEST(MessageConnectionTest, SendsQueueBehindASlowPeerAndBarriersWaitForThem) {
     if (std::exchange(*first, false)) released.wait();
   });
   Client client("slow");
-  setKXLogLevel(7); setKXLogOutputLevel(7);
   constexpr uint64_t kCount = 100;
   const std::vector<uint8_t> payload(16 * 1024, 3);
   for (uint64_t i = 0; i < kCount; ++i)

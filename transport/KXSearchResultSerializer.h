@@ -122,9 +122,8 @@ class KXSearchResultSerializer : public kx::Object {
   std::shared_ptr<KXSearchResult> convertConformingResult(const kx::Object& object,
                                                           const KXSearchResultProtocol& foreign);
 
-  // Makes a region of `capacity` bytes holding `bytes`; null on failure.
-  uint8_t* allocateRegion(size_t capacity);
-  // Installs `bytes` in a new region; false when none can be made.
+  // Copies `bytes` into a new region, replacing any previous one; false when
+  // the region cannot be made.
   bool storeBytes(std::span<const uint8_t> bytes);
   void releaseRegion();
 

@@ -1,0 +1,65 @@
+#include "feedback/KXFeedbackVoiceSearch.h"
+
+#include <gtest/gtest.h>
+
+#include "feedback/feedback_test_support.h"
+
+namespace kx::test {
+namespace {
+
+TEST(KXFeedbackVoiceSearchTest, SurvivesTheArchive) {
+  auto record = KXFeedbackVoiceSearch::feedback();
+  FillFeedbackFields(*record);
+  record->setVoiceIdentifier("voice-1");
+  record->setHeaders(MakeDictionary({{"X-Id", "7"}}));
+  record->addSpeechResult("hel", false, 1.0, 1, 2);
+  record->dictationStoppedReason("done", 9.0);
+  record->setSpeechDetectedTime(2.0);
+  record->setDictationStartTime(3.0);
+  record->setMicButtonStopTime(4.0);
+  record->setDoneButtonTime(5.0);
+  EXPECT_EQ(ArchivedKeys(ArchiveOf(record), "KXFeedbackVoiceSearch"),
+            FeedbackKeys({"voiceIdentifier", "headers", "speechResults", "dictationStopReason",
+                          "speechDetectedTime", "dictationStartTime", "dictationStopTime",
+                          "micButtonStartTime", "micButtonStopTime", "doneButtonTime"}));
+  auto restored = RoundTrip(record);
+  ASSERT_NE(restored, nullptr);
+  EXPECT_EQ(restored->dictationStopTime(), 9.0);
+  EXPECT_EQ(restored->micButtonStartTime(), record->timestamp());
+  EXPECT_EQ(restored->headers(), record->headers());
+}
+
+TEST(KXFeedbackVoiceSearchTest, SpeechResultsGrowAndSetTheInput) {
+  auto record = KXFeedbackVoiceSearch::feedback();
+  EXPECT_EQ(record->micButtonStartTime(), record->timestamp());
+  record->addSpeechResult("piz", false, 1.0, 0, 0);
+  record->addSpeechResult("pizza", true, 2.0, 5, 6);
+  EXPECT_EQ(record->input(), "pizza");
+  ASSERT_TRUE(record->speechResults());
+  ASSERT_EQ(record->speechResults()->size(), 2u);
+  EXPECT_EQ((*record->speechResults())[1]->text(), "pizza");
+  EXPECT_EQ((*record->speechResults())[1]->skylumeResultsSize(), 6u);
+}
+
+TEST(KXFeedbackVoiceSearchTest, RestoredRecordDropsNewSpeechResultsButTakesTheirText) {
+  auto record = KXFeedbackVoiceSearch::feedback();
+  record->addSpeechResult("one", true, 1.0, 0, 0);
+  auto restored = RoundTrip(record);
+  ASSERT_NE(restored, nullptr);
+  restored->addSpeechResult("two", true, 2.0, 0, 0);
+  EXPECT_EQ(restored->input(), "two");
+  ASSERT_EQ(restored->speechResults()->size(), 1u);
+  EXPECT_EQ((*restored->speechResults())[0]->text(), "one");
+}
+
+TEST(KXFeedbackVoiceSearchTest, StopReasonsAccumulateInArrivalOrder) {
+  auto record = KXFeedbackVoiceSearch::feedback();
+  record->dictationStoppedReason("a");
+  record->dictationStoppedReason("b");
+  record->dictationStoppedReason("c", 42.0);
+  EXPECT_EQ(record->dictationStopReason(), "a,b,c");
+  EXPECT_EQ(record->dictationStopTime(), 42.0);
+}
+
+}  // namespace
+}  // namespace kx::test
