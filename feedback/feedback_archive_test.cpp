@@ -46,7 +46,9 @@ TEST(FeedbackArchiveTest, DamagedArchivesFailCleanly) {
     Bytes damaged = bytes;
     damaged[i] ^= 0x5a;
     std::shared_ptr<KXFeedback> decoded = UnarchivedFeedbackWithData(damaged);
-    if (decoded) EXPECT_TRUE(ArchivedFeedbackData(decoded).has_value());
+    if (decoded) {
+      EXPECT_TRUE(ArchivedFeedbackData(decoded).has_value());
+    }
   }
 }
 

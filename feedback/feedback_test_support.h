@@ -39,7 +39,9 @@ std::shared_ptr<T> RoundTrip(const std::shared_ptr<T>& record) {
   const Bytes bytes = ArchiveOf(record);
   auto restored = std::dynamic_pointer_cast<T>(UnarchivedFeedbackWithData(bytes));
   EXPECT_NE(restored, nullptr) << "archive did not restore a " << record->className();
-  if (restored) EXPECT_EQ(ArchiveOf(restored), bytes) << "a field did not survive";
+  if (restored) {
+    EXPECT_EQ(ArchiveOf(restored), bytes) << "a field did not survive";
+  }
   return restored;
 }
 

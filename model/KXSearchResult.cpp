@@ -378,10 +378,11 @@ void KXSearchResult::writeAdditionalProperties(WireWriter& w) const {
   } else if (std::optional<Bytes> archive = _kx_secureArchivedDataWithRootObject(kx::Value(*props))) {
     w.writeDataField(kAdditionalPropertyDict, *archive);
   } else {
-    // The field is always written; an empty archive reads back as absent.
+    // The field is always written; the reader finds the dictionary absent,
+    // as it would on bytes it cannot decode.
     KXLOG(3, "Additional properties of result %@ cannot be archived securely; sending none",
           title_);
-    w.writeDataField(kAdditionalPropertyDict, {});
+    w.writeDataField(kAdditionalPropertyDict, common.absent);
   }
 }
 

@@ -218,15 +218,14 @@ void KXSearchResultSection::writeTo(WireWriter& w) const {
     }
   }
   if (hiddenExtResults_) {
-    std::optional<std::vector<uint8_t>> archive =
-        kx::KeyedArchiver::ArchivedDataWithRootObject(kx::Value(*hiddenExtResults_));
-    if (!archive) {
-      // The field still goes out, so the reader sees hidden results that it
-      // cannot decode (and keeps them absent) rather than none at all.
+    if (std::optional<std::vector<uint8_t>> archive =
+            kx::KeyedArchiver::ArchivedDataWithRootObject(kx::Value(*hiddenExtResults_))) {
+      w.writeDataField(kHiddenExtResults, *archive);
+    } else {
+      // Left out: the reader finds them absent, as it would on an archive
+      // it cannot decode.
       KXLOG(3, "Hidden results of section %u cannot be archived", domain_);
     }
-    w.writeDataField(kHiddenExtResults, archive ? std::span<const uint8_t>(*archive)
-                                                : std::span<const uint8_t>());
   }
   if (resultSetIdentifier_) w.writeStringField(kResultSetIdentifier, *resultSetIdentifier_);
 }

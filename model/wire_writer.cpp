@@ -41,16 +41,17 @@ void WireWriter::grow(size_t n) {
 }
 
 void WireWriter::endMessage(WireWriterMessage message) {
-  size_t length = size_ - message.bodyStart;
-  size_t lengthBytes = VarintSize(length);
-  if (lengthBytes > 1) {
-    // The body was written after a one-byte gap; widen the gap.
-    ensure(lengthBytes - 1);
-    std::memmove(buffer_ + message.bodyStart + lengthBytes - 1, buffer_ + message.bodyStart,
-                 length);
-    size_ += lengthBytes - 1;
+  const size_t length = size_ - message.bodyStart;
+  const size_t lengthBytes = VarintSize(length);
+  const size_t lengthStart = message.bodyStart - kReservedLengthBytes;
+  if (lengthBytes != kReservedLengthBytes) {
+    // The body was written after a gap of the reserved size; fit the gap to
+    // the length.
+    if (lengthBytes > kReservedLengthBytes) ensure(lengthBytes - kReservedLengthBytes);
+    std::memmove(buffer_ + lengthStart + lengthBytes, buffer_ + message.bodyStart, length);
+    size_ = lengthStart + lengthBytes + length;
   }
-  StoreVarint(buffer_ + message.bodyStart - 1, length);
+  StoreVarint(buffer_ + lengthStart, length);
 }
 
 void WireWriter::writeMessageField(uint32_t field, const WireCodable& message) {

@@ -118,12 +118,15 @@ class WireWriter {
   void writeMessageField(uint32_t field, const WireCodable& message);
 
   // Lower-level nested messages: beginMessage writes the key and leaves room
-  // for a one-byte length; endMessage patches the real length in, moving the
-  // body when the length needs more than one byte. Pairs nest like brackets.
+  // for a two-byte length; endMessage patches the real length in, sliding
+  // the body only when its length needs another number of bytes. Two bytes
+  // cover 128 bytes to 16 KiB, where every result record falls (even an
+  // empty one carries its always-written fields), so records are encoded
+  // without a move. Pairs nest like brackets.
   WireWriterMessage beginMessage(uint32_t field) {
     writeKey(field, WireType::LengthDelimited);
-    ensure(1);
-    ++size_;
+    ensure(kReservedLengthBytes);
+    size_ += kReservedLengthBytes;
     return {size_};
   }
   void endMessage(WireWriterMessage message);
@@ -151,6 +154,8 @@ class WireWriter {
   }
   // Makes room for at least `n` more bytes (geometric growth).
   void grow(size_t n);
+
+  static constexpr size_t kReservedLengthBytes = 2;
 
   uint8_t* buffer_ = nullptr;
   size_t size_ = 0;

@@ -13,9 +13,13 @@ namespace kx::main_loop {
 void run();
 // Runs main-queue work until `stop` is called or `timeout` passes.
 void runFor(std::chrono::nanoseconds timeout);
-// Runs the work pending now (and any due delayed work); returns how many items ran.
+// Runs the work pending now (and any due delayed work); returns how many
+// items ran. Work queued meanwhile waits for the next call, so `drain`
+// always returns. Returns 0 when another thread is draining.
 size_t drain();
-// Makes `run` return after the current item.
+// Makes `run` return after the current item. A stop requested while no
+// `run` is in progress makes the next `run` (or `runFor`) return at once, so
+// a stop posted from another thread just before `run` starts is not lost.
 void stop();
 // Readable while main-queue work is pending.
 int fd();

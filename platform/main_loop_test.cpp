@@ -70,8 +70,11 @@ TEST(MainLoopTest, RunServesSyncCallersUntilStopped) {
     // Synchronous work for the main queue runs on the thread that drains it.
     Queue::Main()->sync([&] { ranOn = std::this_thread::get_id(); });
     for (int i = 0; i < 10; ++i) Queue::Main()->async([&] { served.fetch_add(1); });
-    Queue::Main()->async([] { main_loop::stop(); });
-    Queue::Main()->async([&] { afterStop = true; });
+    Queue::Main()->async([&] {
+      // Pending when stop is called: `run` must return without it.
+      Queue::Main()->async([&] { afterStop = true; });
+      main_loop::stop();
+    });
   });
   main_loop::run();
   EXPECT_EQ(ranOn, mainThread);

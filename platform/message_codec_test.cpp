@@ -72,7 +72,8 @@ TEST(MessageCodecTest, RoundTripsEveryValueTypeWithDescriptors) {
   ASSERT_TRUE(out.encode(*d));
   out.setHeader(MessageHeader::kWantsReply | MessageHeader::kIsReply, 42, 7);
   ASSERT_EQ(out.descriptors().size(), 2u);
-  std::optional<ReceivedMessage> received = Decode(test::Flatten(out), Duplicates(out.descriptors()));
+  std::optional<ReceivedMessage> received =
+      Decode(test::Flatten(out), Duplicates(out.descriptors()));
   ASSERT_TRUE(received);
   EXPECT_EQ(received->header.serial, 42u);
   EXPECT_EQ(received->header.replyTo, 7u);
@@ -138,19 +139,29 @@ TEST(MessageCodecTest, RejectsMalformedEncodings) {
       {"no body", RawDatagram().header(0).data()},
       {"body is an array", RawDatagram().header(0).bytes({0x0C, 0}).data()},
       {"unknown value type", RawDatagram().header(0).dictionary(1).text("k").byte(0x0E).data()},
-      {"overlong UTF-8", RawDatagram().header(0).dictionary(1).text("k").bytes({0x08, 2, 0xC0, 0x80}).data()},
-      {"surrogate", RawDatagram().header(0).dictionary(1).text("k").bytes({0x08, 3, 0xED, 0xA0, 0x80}).data()},
+      {"overlong UTF-8",
+       RawDatagram().header(0).dictionary(1).text("k").bytes({0x08, 2, 0xC0, 0x80}).data()},
+      {"surrogate",
+       RawDatagram().header(0).dictionary(1).text("k").bytes({0x08, 3, 0xED, 0xA0, 0x80}).data()},
       {"key not UTF-8", RawDatagram().header(0).dictionary(1).bytes({1, 0xFF, 0x00}).data()},
-      {"duplicate key", RawDatagram().header(0).dictionary(2).text("k").byte(0).text("k").byte(0).data()},
+      {"duplicate key",
+       RawDatagram().header(0).dictionary(2).text("k").byte(0).text("k").byte(0).data()},
       {"duplicate among many", seventeen.data()},
       {"varint past 64 bits",
-       RawDatagram().header(0).dictionary(1).text("k").bytes({0x04, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
-                                                               0xFF, 0xFF, 0xFF, 0x02}).data()},
+       RawDatagram()
+           .header(0)
+           .dictionary(1)
+           .text("k")
+           .bytes({0x04, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x02})
+           .data()},
       {"count beyond the bytes", RawDatagram().header(0).dictionary(100).data()},
-      {"huge array", RawDatagram().header(0).dictionary(1).text("k").byte(0x0C).varint(uint64_t{1} << 40).data()},
-      {"truncated double", RawDatagram().header(0).dictionary(1).text("k").bytes({0x05, 1, 2, 3}).data()},
+      {"huge array",
+       RawDatagram().header(0).dictionary(1).text("k").byte(0x0C).varint(uint64_t{1} << 40).data()},
+      {"truncated double",
+       RawDatagram().header(0).dictionary(1).text("k").bytes({0x05, 1, 2, 3}).data()},
       {"too deep", nested(kMessageMaxDepth)},
-      {"too many descriptors declared", RawDatagram().header(kMessageMaxDescriptors + 1).dictionary(0).data()},
+      {"too many descriptors declared",
+       RawDatagram().header(kMessageMaxDescriptors + 1).dictionary(0).data()},
   };
   for (const auto& [name, bytes] : cases) {
     const char* reason = nullptr;
@@ -185,7 +196,8 @@ TEST(MessageCodecTest, EncoderRefusesValuesThatCannotTravel) {
 // descriptor and mapping that came with it is released.
 TEST(MessageCodecTest, DescriptorMismatchesAreRejectedWithoutLeaks) {
   const std::vector<uint8_t> noDescriptors = RawDatagram().header(0).dictionary(0).data();
-  const std::vector<uint8_t> oneFd = RawDatagram().header(1).dictionary(1).text("k").bytes({0x0A, 0}).data();
+  const std::vector<uint8_t> oneFd =
+      RawDatagram().header(1).dictionary(1).text("k").bytes({0x0A, 0}).data();
   auto shmem = [](uint64_t length) {
     return RawDatagram().header(1).dictionary(1).text("k").bytes({0x0B, 0}).varint(length).data();
   };
@@ -215,7 +227,14 @@ TEST(MessageCodecTest, DescriptorMismatchesAreRejectedWithoutLeaks) {
       {"index out of range",
        RawDatagram().header(1).dictionary(1).text("k").bytes({0x0A, 1}).data(), Eventfds(1)},
       {"index reused",
-       RawDatagram().header(2).dictionary(2).text("a").bytes({0x0A, 0}).text("b").bytes({0x0A, 0}).data(),
+       RawDatagram()
+           .header(2)
+           .dictionary(2)
+           .text("a")
+           .bytes({0x0A, 0})
+           .text("b")
+           .bytes({0x0A, 0})
+           .data(),
        Eventfds(2)},
       {"declared descriptor unused", RawDatagram().header(1).dictionary(0).data(), Eventfds(1)},
       {"descriptors then a malformed body",
@@ -224,12 +243,15 @@ TEST(MessageCodecTest, DescriptorMismatchesAreRejectedWithoutLeaks) {
       {"shared memory without the shrink seal", shmem(100), {memfd(page, 4096, false)}},
       {"shared memory shorter than declared", shmem(8192), {memfd(page, 4096, true)}},
       {"shared memory that is not a memfd", shmem(1), Eventfds(1)},
-      {"out-of-line body without the shrink seal", outOfLine(body.size()),
+      {"out-of-line body without the shrink seal",
+       outOfLine(body.size()),
        {memfd(body, body.size(), false)}},
-      {"out-of-line body shorter than declared", outOfLine(body.size() + 1),
+      {"out-of-line body shorter than declared",
+       outOfLine(body.size() + 1),
        {memfd(body, body.size(), true)}},
       {"out-of-line header with bytes after it",
-       RawDatagram().header(0, 4).varint(body.size()).byte(0).data(), {memfd(body, body.size(), true)}},
+       RawDatagram().header(0, 4).varint(body.size()).byte(0).data(),
+       {memfd(body, body.size(), true)}},
   };
   for (Case& c : cases) EXPECT_FALSE(Decode(c.bytes, c.fds)) << c.name;
   {
@@ -256,7 +278,8 @@ TEST(MessageCodecTest, LargeBodiesTravelOutOfLine) {
     EXPECT_EQ(out.descriptors().size(), spilled ? 1u : 0u);
     EXPECT_EQ(out.body().empty(), spilled);
     EXPECT_LE(test::Flatten(out).size(), kMessageInlineLimit);
-    std::optional<ReceivedMessage> received = Decode(test::Flatten(out), Duplicates(out.descriptors()));
+    std::optional<ReceivedMessage> received =
+        Decode(test::Flatten(out), Duplicates(out.descriptors()));
     ASSERT_TRUE(received);
     auto data = received->body->data("payload");
     ASSERT_TRUE(data);

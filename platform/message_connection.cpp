@@ -44,6 +44,7 @@ int SendDatagram(int fd, std::span<const uint8_t> first, std::span<const uint8_t
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxReceivedDescriptors)];
   if (!descriptors.empty()) {
     const size_t bytes = descriptors.size() * sizeof(int);
+    std::memset(control, 0, CMSG_SPACE(bytes));  // padding goes to the kernel too
     msg.msg_control = control;
     msg.msg_controllen = CMSG_SPACE(bytes);
     cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
@@ -133,8 +134,9 @@ struct MessageConnection::State {
   void drainLocked(MessageError error) {
     const std::shared_ptr<Queue>& queue = targetLocked();
     for (auto& [serial, reply] : pending) {
-      (reply.queue ? reply.queue : queue)->async(
-          [handler = std::move(reply.handler), error] { handler(MessageObject::Error(error)); });
+      (reply.queue ? reply.queue : queue)->async([handler = std::move(reply.handler), error] {
+        handler(MessageObject::Error(error));
+      });
     }
     pending.clear();
     for (Queued& q : queued)
@@ -217,13 +219,17 @@ struct MessageConnection::State {
   void send(const std::shared_ptr<MessageConnection>& self, const MessageDictionary& message,
             std::shared_ptr<Queue> replyQueue, ReplyHandler replyHandler) {
     OutgoingMessage out;
-    const bool encoded = out.encode(message);
+    const bool encoded = role != Role::Listener && out.encode(message);
     std::lock_guard lock(mu);
     if (!encoded || ended) {
-      if (ended) KXLOG(7, "Dropping message sent on ended connection %s", name);
+      if (role == Role::Listener)
+        KXLOG(3, "Cannot send a message on listener %s", name);
+      else if (ended)
+        KXLOG(7, "Dropping message sent on ended connection %s", name);
       if (replyHandler) {
         (replyQueue ? replyQueue : targetLocked())
-            ->async([handler = std::move(replyHandler), error = ended ? endError : MessageError::Invalid] {
+            ->async([handler = std::move(replyHandler),
+                     error = ended ? endError : MessageError::Invalid] {
               handler(MessageObject::Error(error));
             });
       }
@@ -249,23 +255,28 @@ struct MessageConnection::State {
     enqueueLocked(self, out, serial);
   }
 
-  // Runs `job` on `queue` from the reader thread: in place once the queue is
-  // free, so a message costs no extra thread hop. The main queue runs only
-  // where the application drains it, so work for it is posted instead.
-  template <class Job>
-  void runFromReader(const std::shared_ptr<MessageConnection>& self,
-                     const std::shared_ptr<Queue>& queue, Job&& job) {
+  // Runs `handler(object)` on `queue` from the reader thread: in place once
+  // the queue is free, so a message costs no thread hop beyond the reader's
+  // own wake-up (the closure captures references only, so it needs no heap
+  // either). The main queue runs only where the application drains it, so
+  // work for it is posted instead.
+  template <class Handler>
+  static void RunFromReader(const std::shared_ptr<Queue>& queue, const Handler& handler,
+                            const MessageObject& object) {
     if (queue != Queue::Main()) {
-      queue->sync(job);
+      queue->sync([&handler, &object] { handler(object); });
       return;
     }
-    queue->async([self, job = std::forward<Job>(job)] { job(); });
+    queue->async([handler, object] { handler(object); });
   }
 
   void deliverEvent(const std::shared_ptr<MessageConnection>& self, const MessageObject& event) {
-    runFromReader(self, target, [this, event] {
-      if (!cancelledFlag.load(std::memory_order_acquire) && handler) handler(event);
-    });
+    // `self` keeps the state alive for a posted delivery.
+    auto deliver = [self](const MessageObject& e) {
+      State& s = *self->state_;
+      if (!s.cancelledFlag.load(std::memory_order_acquire) && s.handler) s.handler(e);
+    };
+    RunFromReader(target, deliver, event);
   }
 
   // The last event: Invalid, after which the handler is released.
@@ -322,8 +333,8 @@ struct MessageConnection::State {
     }
   }
 
-  void handleDatagram(const std::shared_ptr<MessageConnection>& self, std::span<const uint8_t> bytes,
-                      std::span<const int> descriptors) {
+  void handleDatagram(const std::shared_ptr<MessageConnection>& self,
+                      std::span<const uint8_t> bytes, std::span<const int> descriptors) {
     const char* reason = nullptr;
     std::optional<ReceivedMessage> message = DecodeMessage(bytes, descriptors, &reason);
     if (!message) {
@@ -332,7 +343,8 @@ struct MessageConnection::State {
     }
     MessageDictionary& body = *message->body;
     body.remote_ = self;
-    if (message->header.flags & MessageHeader::kWantsReply) body.requestSerial_ = message->header.serial;
+    if (message->header.flags & MessageHeader::kWantsReply)
+      body.requestSerial_ = message->header.serial;
     const MessageObject object = MessageObject::Dictionary(std::move(message->body));
     if (!(message->header.flags & MessageHeader::kIsReply)) {
       deliverEvent(self, object);
@@ -350,8 +362,7 @@ struct MessageConnection::State {
       reply = std::move(it->second);
       pending.erase(it);
     }
-    runFromReader(self, reply.queue ? reply.queue : target,
-                  [handler = std::move(reply.handler), object] { handler(object); });
+    RunFromReader(reply.queue ? reply.queue : target, reply.handler, object);
   }
 
   void readLoop(const std::shared_ptr<MessageConnection>& self) {

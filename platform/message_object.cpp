@@ -80,8 +80,7 @@ MessageObject MessageObject::String(std::string_view value) {
   return StringView(std::string_view(p, value.size()), std::move(copy));
 }
 
-MessageObject MessageObject::StringView(std::string_view value,
-                                        std::shared_ptr<const void> owner) {
+MessageObject MessageObject::StringView(std::string_view value, std::shared_ptr<const void> owner) {
   MessageObject o;
   o.type_ = MessageType::String;
   o.v_.bytes = {value.data(), value.size()};

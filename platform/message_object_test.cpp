@@ -94,7 +94,8 @@ TEST(MessageObjectTest, RepliesExistOnlyForReceivedRequests) {
   auto outgoing = MessageDictionary::Create();
   EXPECT_FALSE(outgoing->expectsReply());
   EXPECT_EQ(MessageDictionary::CreateReply(*outgoing), nullptr);
-  EXPECT_EQ(MessageObject::Error(MessageError::Interrupted).errorValue(), MessageError::Interrupted);
+  EXPECT_EQ(MessageObject::Error(MessageError::Interrupted).errorValue(),
+            MessageError::Interrupted);
   EXPECT_STREQ(MessageErrorDescription(MessageError::Invalid), "Connection invalid");
 }
 

@@ -43,8 +43,7 @@ int TryConnect(int fd, const sockaddr_un& address) {
 bool IsListeningSeqpacket(int fd) {
   int value = 0;
   socklen_t length = sizeof value;
-  if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &value, &length) != 0 || value != AF_UNIX)
-    return false;
+  if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &value, &length) != 0 || value != AF_UNIX) return false;
   length = sizeof value;
   if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &value, &length) != 0 || value != SOCK_SEQPACKET)
     return false;
@@ -163,7 +162,8 @@ void RemoveServiceSocketFile(const ServiceListener& listener) {
   struct stat st;
   if (listener.path.empty() || lstat(listener.path.c_str(), &st) != 0) return;
   if (st.st_dev == listener.device && st.st_ino == listener.inode &&
-      st.st_ctim.tv_sec == listener.changed.tv_sec && st.st_ctim.tv_nsec == listener.changed.tv_nsec)
+      st.st_ctim.tv_sec == listener.changed.tv_sec &&
+      st.st_ctim.tv_nsec == listener.changed.tv_nsec)
     unlink(listener.path.c_str());
 }
 

@@ -45,10 +45,11 @@ inline ScopedFd MakeMemfd(std::span<const uint8_t> contents, size_t size, bool s
   ScopedFd fd(memfd_create("kx-test", MFD_CLOEXEC | MFD_ALLOW_SEALING));
   if (!fd || ftruncate(fd.get(), static_cast<off_t>(std::max(size, contents.size()))) != 0)
     return ScopedFd();
-  if (!contents.empty() &&
-      pwrite(fd.get(), contents.data(), contents.size(), 0) != static_cast<ssize_t>(contents.size()))
+  if (!contents.empty() && pwrite(fd.get(), contents.data(), contents.size(), 0) !=
+                               static_cast<ssize_t>(contents.size()))
     return ScopedFd();
-  if (sealShrink && fcntl(fd.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW) != 0) return ScopedFd();
+  if (sealShrink && fcntl(fd.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW) != 0)
+    return ScopedFd();
   return fd;
 }
 

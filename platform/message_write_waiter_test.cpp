@@ -40,7 +40,8 @@ TEST(WritableWaiterTest, CallsOnceWhenRoomAppearsWithoutTouchingFlags) {
   auto fired = std::make_shared<std::promise<void>>();
   std::future<void> future = fired->get_future();
   ASSERT_TRUE(WritableWaiter::Shared().watch(pair.writer.get(), [fired] { fired->set_value(); }));
-  EXPECT_FALSE(WritableWaiter::Shared().watch(pair.writer.get(), [] {}));  // one watch per descriptor
+  EXPECT_FALSE(
+      WritableWaiter::Shared().watch(pair.writer.get(), [] {}));  // one watch per descriptor
   EXPECT_EQ(future.wait_for(100ms), std::future_status::timeout);
   pair.drain();
   EXPECT_EQ(future.wait_for(10s), std::future_status::ready);

@@ -43,10 +43,18 @@ class CallCounter {
   int calls_ = 0;
 };
 
+// A name no earlier test of this process has posted, so generations start
+// at 0 even when tests repeat in one process.
+std::string FreshName(const std::string& base) {
+  static std::atomic<int> next{0};
+  return base + "." + std::to_string(next.fetch_add(1));
+}
+
 TEST(NotifyTest, PostsTravelBetweenProcessesBothWays) {
   // Names with separators, blanks and non-ASCII bytes must work across
   // processes, not only within one.
-  const std::string ping = "com.orvex.test/ping one\xc3\xbc", pong = "com.orvex.test.pong";
+  const std::string ping = FreshName("com.orvex.test/ping one\xc3\xbc"),
+                    pong = FreshName("com.orvex.test.pong");
   auto queue = Queue::Create("test.notify");
   CallCounter pongs;
   auto observation = AddObserver(pong, queue, pongs.callback());
@@ -63,7 +71,7 @@ TEST(NotifyTest, PostsTravelBetweenProcessesBothWays) {
 }
 
 TEST(NotifyTest, TokenReportsEachChangeOnce) {
-  const std::string name = "com.orvex.test.token";
+  const std::string name = FreshName("com.orvex.test.token");
   EXPECT_EQ(Generation(name), 0u);
   const int32_t token = RegisterCheck(name);
   const int32_t other = RegisterCheck(name);
@@ -91,7 +99,7 @@ TEST(NotifyTest, TokenReportsEachChangeOnce) {
 }
 
 TEST(NotifyTest, RemovedObserverIsNeverCalledAgainEvenWhenAlreadyQueued) {
-  const std::string name = "com.orvex.test.removed";
+  const std::string name = FreshName("com.orvex.test.removed");
   auto blocked = Queue::Create("test.blocked");
   auto free = Queue::Create("test.free");
   static const int kOwner = 0;
@@ -99,7 +107,7 @@ TEST(NotifyTest, RemovedObserverIsNeverCalledAgainEvenWhenAlreadyQueued) {
   // Registered first, so its call is queued before the witness's.
   auto observation = AddObserver(name, blocked, removed.callback());
   AddObserver(name, blocked, byOwner.callback(), &kOwner);
-  AddObserver(name, free, witness.callback());
+  auto witnessing = AddObserver(name, free, witness.callback());
 
   std::promise<void> release;
   blocked->async([gate = release.get_future().share()] { gate.wait(); });
@@ -113,6 +121,8 @@ TEST(NotifyTest, RemovedObserverIsNeverCalledAgainEvenWhenAlreadyQueued) {
   blocked->sync([] {});
   EXPECT_EQ(removed.calls(), 0);
   EXPECT_EQ(byOwner.calls(), 0);
+  RemoveObserver(witnessing);
+  free->sync([] {});  // no call is still running on `witness`
 }
 
 TEST(NotifyTest, FileNamesAreSafeAndDistinct) {

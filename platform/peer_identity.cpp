@@ -11,7 +11,8 @@ namespace kx {
 namespace {
 
 std::string_view Trim(std::string_view s) {
-  while (!s.empty() && (s.back() == '\0' || s.back() == '\n' || s.back() == ' ')) s.remove_suffix(1);
+  while (!s.empty() && (s.back() == '\0' || s.back() == '\n' || s.back() == ' '))
+    s.remove_suffix(1);
   while (!s.empty() && s.front() == ' ') s.remove_prefix(1);
   return s;
 }

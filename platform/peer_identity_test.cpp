@@ -32,12 +32,14 @@ TEST(PeerIdentityTest, ComesFromTheKernel) {
 }
 
 TEST(PeerIdentityTest, LabelsNameTheirDomainOrNothing) {
-  EXPECT_EQ(BundleIdentifierFromSecurityLabel("com.orvex.homedeck (enforce)"), "com.orvex.homedeck");
+  EXPECT_EQ(BundleIdentifierFromSecurityLabel("com.orvex.homedeck (enforce)"),
+            "com.orvex.homedeck");
   EXPECT_EQ(BundleIdentifierFromSecurityLabel("/usr/bin/kx-search (complain)\n"), "kx-search");
   EXPECT_EQ(BundleIdentifierFromSecurityLabel("system_u:system_r:kxsearchd_t:s0"), "kxsearchd_t");
   EXPECT_EQ(BundleIdentifierFromSecurityLabel("unconfined"), std::nullopt);
-  EXPECT_EQ(BundleIdentifierFromSecurityLabel("unconfined_u:unconfined_r:unconfined_t:s0-s0:c0.c1023"),
-            std::nullopt);
+  EXPECT_EQ(
+      BundleIdentifierFromSecurityLabel("unconfined_u:unconfined_r:unconfined_t:s0-s0:c0.c1023"),
+      std::nullopt);
   EXPECT_EQ(BundleIdentifierFromSecurityLabel(std::string_view("\0", 1)), std::nullopt);
   EXPECT_EQ(BundleIdentifierFromSecurityLabel("broken:label"), std::nullopt);
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "kx/assert.h"
+#include "kx/format.h"
 #include "kx/log.h"
 #include "platform/main_queue_internal.h"
 #include "platform/thread_pool.h"
@@ -145,16 +146,28 @@ Queue::Impl::~Impl() {
   if (eventFd_ >= 0) close(eventFd_);
 }
 
+namespace {
+
+// A queued job has no caller to hand an exception to: it is a programming
+// error. The line also goes straight to stderr, since the log may be off.
+[[noreturn]] void StopForEscapedException(const std::string& label, const char* what) {
+  const std::string line = Format("Uncaught exception in work on queue %s: %s", label, what);
+  KXLOG(2, "%s", line);
+  const std::string console = line + "\n";
+  [[maybe_unused]] ssize_t ignored = write(STDERR_FILENO, console.data(), console.size());
+  std::terminate();
+}
+
+}  // namespace
+
 void Queue::Impl::RunItem(Item& item) {
   Frame frame(item.origin);
   try {
     item.work();
   } catch (const std::exception& e) {
-    KXLOG(2, "Uncaught exception in work on queue %s: %s", item.origin->label_, e.what());
-    std::terminate();
+    StopForEscapedException(item.origin->label_, e.what());
   } catch (...) {
-    KXLOG(2, "Uncaught exception in work on queue %s", item.origin->label_);
-    std::terminate();
+    StopForEscapedException(item.origin->label_, "(not a std::exception)");
   }
 }
 

@@ -10,7 +10,12 @@
 // - A queue may target another queue: its work then runs serialised with the
 //   target's work, and `isCurrent()` is true for both while it runs.
 // - An exception escaping a queued job is a programming error: it is logged
-//   and the process stops.
+//   and the process stops. An exception escaping `sync` work reaches the
+//   caller of `sync`, as from a plain function call.
+// - Every queue runs on the one process-wide pool (platform/thread_pool.h).
+//   Quality of service is recorded but does not change scheduling: pool
+//   threads serve every class, and Linux lets an unprivileged thread raise
+//   its nice value but never lower it again.
 #pragma once
 
 #include <chrono>
@@ -40,6 +45,13 @@ class Queue : public std::enable_shared_from_this<Queue> {
   QoS qos() const;
 
   void async(Work work);
+  // Returns once `work` has run. When the queue is idle with work still
+  // queued, the caller runs that earlier work itself before `work`, rather
+  // than wait for a pool thread. Work for the main queue (or a queue that
+  // targets it) instead runs on the thread that drains the main queue, and
+  // the caller waits for it. Calling `sync` from work already running on
+  // the queue (or on a queue it targets) is a programming error (raising
+  // assertion); where that only logs, the work runs in place.
   void sync(const Work& work);
   // Runs `work` after `delay`. The returned handle cancels it (no effect once
   // the work has started).

@@ -174,7 +174,7 @@ TEST(QueueDeathTest, ExceptionEscapingAJobStopsTheProcess) {
         queue->async([] { throw std::runtime_error("boom"); });
         std::this_thread::sleep_for(5s);
       },
-      "");
+      "Uncaught exception in work on queue test.throwing: boom");
 }
 
 }  // namespace

@@ -36,8 +36,8 @@ using kx::MessageDictionary;
 using kx::MessageObject;
 
 std::mutex gMutex;
-std::vector<std::string> gRecord;   // guarded by gMutex
-std::vector<MessageObject> gHung;   // guarded by gMutex; kept so they are never answered
+std::vector<std::string> gRecord;  // guarded by gMutex
+std::vector<MessageObject> gHung;  // guarded by gMutex; kept so they are never answered
 
 void Append(std::string value) {
   std::lock_guard lock(gMutex);

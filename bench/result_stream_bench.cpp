@@ -1,0 +1,315 @@
+// The packed result stream against Google protobuf's generated code for the
+// same records (bench/result_stream.proto), on the same bytes.
+//
+// Corpus: N results (10, 1,000, 100,000) spread round-robin over five
+// sections (contacts, mail, applications, documents, web suggestions) with
+// field sizes like the daemon's: titles of 10 to 40 bytes, mail and web
+// summaries of 80 to 160, URLs of 30 to 90, UUID external identifiers,
+// scores, and for documents a four-key additional-property dictionary
+// (file location) that travels as a secure keyed archive in tag 10.
+//
+// Method:
+//   Encode: kxsearch writes every section with serializeTo (fields, then the
+//     0x04 mark) into one WireWriter; protobuf appends every parsed Section
+//     message with AppendToString and pushes the 0x04 byte. Both start from
+//     an empty buffer each iteration. The protobuf messages were parsed from
+//     the kxsearch stream, so both encode the same content into the same
+//     number of bytes (protobuf sorts tag 31 after 30, a byte order change).
+//   Decode: kxsearch runs the client's consumer loop (a fresh section per
+//     deserializeNextSection) over the stream; protobuf parses each section's
+//     bytes (without the mark) with ParseFromArray into a fresh Section. The
+//     section boundaries are found once, outside the timing, so protobuf is
+//     spared the scan that kxsearch does as it goes. Both keep all sections
+//     until the iteration ends and destroy them inside it.
+//   Domain scan: deserializeNextDomain over the same stream.
+//   Serializer: the producer's whole path (append the sections, serialize
+//     into a shared-memory region, release it), for reference.
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "model/KXSearchResult.h"
+#include "model/KXSearchResultSection.h"
+#include "model/wire_writer.h"
+#include "platform/shared_memory.h"
+#include "result_stream.pb.h"
+#include "transport/KXSearchResultDeserializer.h"
+#include "transport/KXSearchResultSerializer.h"
+
+namespace {
+
+using SectionRef = std::shared_ptr<KXSearchResultSection>;
+
+// Deterministic text of realistic shape.
+class Text {
+ public:
+  explicit Text(uint64_t seed) : rng_(seed) {}
+  size_t between(size_t lo, size_t hi) {
+    return std::uniform_int_distribution<size_t>(lo, hi)(rng_);
+  }
+  uint64_t number() { return rng_(); }
+  std::string words(size_t lo, size_t hi) {
+    static const char* const kWords[] = {"meeting", "notes",  "quarterly", "plan",   "Ann",
+                                         "budget",  "review", "photos",    "trip",   "draft",
+                                         "invoice", "the",    "for",       "update", "lunch"};
+    const size_t length = between(lo, hi);
+    std::string out;
+    while (out.size() < length) {
+      if (!out.empty()) out += ' ';
+      out += kWords[between(0, std::size(kWords) - 1)];
+    }
+    out.resize(length);
+    return out;
+  }
+  std::string uuid() {
+    char buf[40];
+    std::snprintf(buf, sizeof buf, "%08llX-%04llX-%04llX-%04llX-%012llX",
+                  static_cast<unsigned long long>(number() & 0xFFFFFFFF),
+                  static_cast<unsigned long long>(number() & 0xFFFF),
+                  static_cast<unsigned long long>(number() & 0xFFFF),
+                  static_cast<unsigned long long>(number() & 0xFFFF),
+                  static_cast<unsigned long long>(number() & 0xFFFFFFFFFFFF));
+    return buf;
+  }
+
+ private:
+  std::mt19937_64 rng_;
+};
+
+struct SectionKind {
+  uint32_t domain;
+  const char* bundle;
+};
+constexpr SectionKind kKinds[] = {{2, "com.orvex.contacts"},
+                                  {3, "com.orvex.mail"},
+                                  {4, "com.orvex.springboard"},
+                                  {14, "com.orvex.files"},
+                                  {17, "com.orvex.websearch"}};
+
+std::shared_ptr<KXSearchResult> MakeResult(Text& t, const SectionKind& kind) {
+  auto r = std::make_shared<KXSearchResult>();
+  r->setTitle(t.words(10, 40));
+  r->setIdentifier(t.number());
+  r->setBundleID(std::string(kind.bundle));
+  r->setExternalIdentifier(t.uuid());
+  r->setScore(t.number() >> 24);
+  r->setResultScore(static_cast<double>(t.between(0, 1000)) / 7.0);
+  r->setSectionScore(static_cast<double>(t.between(0, 1000)) / 3.0);
+  switch (kind.domain) {
+    case 2:
+      r->setSubtitle(t.words(15, 30));
+      r->setUrl("contact://" + t.uuid());
+      r->setContactIdentifiers(std::vector<std::string>{t.uuid()});
+      break;
+    case 3:
+      r->setSubtitle(t.words(12, 30));
+      r->setSummary(t.words(80, 160));
+      r->setAuxiliaryTitle("Yesterday");
+      r->setNumberOfSummaryLines(2);
+      r->setUrl("message://" + t.uuid());
+      r->setProtectionClass("C");
+      break;
+    case 4:
+      r->setTitle(t.words(5, 15));
+      r->setUrl("app://com.orvex." + t.words(5, 12));
+      r->setFlags(0x20);
+      break;
+    case 14: {
+      const std::string name = t.words(8, 24) + ".odt";
+      r->setSummary(t.words(60, 100));
+      if (!getenv("NODICT")) {
+      r->setFilename(name);
+      r->setFileIdentifier(t.number() >> 20);
+      r->setParentFileIdentifier(t.number() >> 20);
+      r->setDocumentIdentifier(static_cast<uint32_t>(t.number()));
+      }
+      r->setContentURL("/home/user/Documents/" + name);
+      break;
+    }
+    default:
+      r->setSummary(t.words(100, 160));
+      r->setUrl("https://search.orvex.example/q?" + t.words(30, 60));
+      r->setUserActivityType("com.orvex.websearch.open");
+      break;
+  }
+  return r;
+}
+
+struct Corpus {
+  std::vector<SectionRef> sections;
+  std::vector<uint8_t> stream;
+  // Each section's bytes without its mark: [begin, end).
+  std::vector<std::pair<size_t, size_t>> spans;
+  std::vector<kxbench::Section> protoSections;
+};
+
+// A deserializer over bytes it must not free.
+class BorrowedRegion : public kx::SharedMemoryRegion {
+ public:
+  BorrowedRegion(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+  const uint8_t* data() const override { return data_; }
+  size_t size() const override { return size_; }
+
+ private:
+  const uint8_t* data_;
+  size_t size_;
+};
+
+std::shared_ptr<KXSearchResultDeserializer> ReaderOver(const std::vector<uint8_t>& stream) {
+  return KXSearchResultDeserializer::initWithRegion(
+      std::make_unique<BorrowedRegion>(stream.data(), stream.size()), stream.size());
+}
+
+[[noreturn]] void Fail(const char* what) {
+  std::fprintf(stderr, "result_stream_bench: %s\n", what);
+  std::abort();
+}
+
+const Corpus& CorpusOf(size_t resultCount) {
+  static std::map<size_t, std::unique_ptr<Corpus>> cache;
+  std::unique_ptr<Corpus>& slot = cache[resultCount];
+  if (slot) return *slot;
+  slot = std::make_unique<Corpus>();
+  Corpus& c = *slot;
+  Text text(resultCount);
+  for (const SectionKind& kind : kKinds) {
+    auto s = std::make_shared<KXSearchResultSection>();
+    s->setDomain(kind.domain);
+    s->setDisplayIdentifier(std::string(kind.bundle));
+    s->setIcon(std::string(kind.bundle) + ".icon");
+    c.sections.push_back(s);
+  }
+  for (size_t i = 0; i < resultCount; ++i) {
+    const size_t k = i % std::size(kKinds);
+    c.sections[k]->addResults(MakeResult(text, kKinds[k]));
+  }
+  WireWriter writer;
+  for (const auto& s : c.sections) {
+    const size_t begin = writer.size();
+    s->serializeTo(writer);
+    c.spans.emplace_back(begin, writer.size() - 1);
+  }
+  c.stream = writer.copyData();
+
+  // Both decoders must agree on what the bytes hold.
+  size_t protoResults = 0, protoBytes = 0;
+  for (auto [begin, end] : c.spans) {
+    kxbench::Section& p = c.protoSections.emplace_back();
+    if (!p.ParseFromArray(c.stream.data() + begin, static_cast<int>(end - begin)))
+      Fail("protobuf cannot parse a section");
+    protoResults += static_cast<size_t>(p.results_size());
+    protoBytes += p.ByteSizeLong() + 1;
+  }
+  if (protoResults != resultCount) Fail("protobuf sees another number of results");
+  if (protoBytes != c.stream.size()) Fail("protobuf would encode another number of bytes");
+  auto reader = ReaderOver(c.stream);
+  size_t kxResults = 0;
+  for (size_t i = 0;; ++i) {
+    auto section = std::make_shared<KXSearchResultSection>();
+    if (!reader->deserializeNextSection(section.get())) break;
+    kxResults += section->resultsCount();
+    if (reader->position() != c.spans[i].second + 1) Fail("section boundaries differ");
+  }
+  if (kxResults != resultCount) Fail("the stream does not decode");
+  return c;
+}
+
+void Report(benchmark::State& state, const Corpus& c) {
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * c.stream.size()));
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+  state.counters["stream_bytes"] = static_cast<double>(c.stream.size());
+}
+
+void BM_Encode_KX(benchmark::State& state) {
+  const Corpus& c = CorpusOf(static_cast<size_t>(state.range(0)));
+  for (auto _ : state) {
+    WireWriter writer;
+    for (const auto& s : c.sections) s->serializeTo(writer);
+    benchmark::DoNotOptimize(writer.data());
+    if (writer.size() != c.stream.size()) Fail("encoding changed");
+  }
+  Report(state, c);
+}
+
+void BM_Encode_Protobuf(benchmark::State& state) {
+  const Corpus& c = CorpusOf(static_cast<size_t>(state.range(0)));
+  for (auto _ : state) {
+    std::string out;
+    for (const auto& p : c.protoSections) {
+      p.AppendToString(&out);
+      out.push_back('\x04');
+    }
+    benchmark::DoNotOptimize(out.data());
+    if (out.size() != c.stream.size()) Fail("encoding changed");
+  }
+  Report(state, c);
+}
+
+void BM_Decode_KX(benchmark::State& state) {
+  const Corpus& c = CorpusOf(static_cast<size_t>(state.range(0)));
+  for (auto _ : state) {
+    auto reader = ReaderOver(c.stream);
+    std::vector<SectionRef> sections;
+    while (true) {
+      auto section = std::make_shared<KXSearchResultSection>();
+      if (!reader->deserializeNextSection(section.get())) break;
+      sections.push_back(std::move(section));
+    }
+    benchmark::DoNotOptimize(sections.data());
+  }
+  Report(state, c);
+}
+
+void BM_Decode_Protobuf(benchmark::State& state) {
+  const Corpus& c = CorpusOf(static_cast<size_t>(state.range(0)));
+  for (auto _ : state) {
+    std::vector<kxbench::Section> sections(c.spans.size());
+    for (size_t i = 0; i < c.spans.size(); ++i) {
+      const auto [begin, end] = c.spans[i];
+      if (!sections[i].ParseFromArray(c.stream.data() + begin, static_cast<int>(end - begin)))
+        Fail("protobuf parse failed");
+    }
+    benchmark::DoNotOptimize(sections.data());
+  }
+  Report(state, c);
+}
+
+void BM_DomainScan_KX(benchmark::State& state) {
+  const Corpus& c = CorpusOf(static_cast<size_t>(state.range(0)));
+  for (auto _ : state) {
+    auto reader = ReaderOver(c.stream);
+    uint32_t domain = 0, sum = 0;
+    while (reader->deserializeNextDomain(&domain)) sum += domain;
+    benchmark::DoNotOptimize(sum);
+  }
+  Report(state, c);
+}
+
+void BM_Serializer_SharedMemory(benchmark::State& state) {
+  const Corpus& c = CorpusOf(static_cast<size_t>(state.range(0)));
+  for (auto _ : state) {
+    auto serializer = KXSearchResultSerializer::initWithInitialCapacity(0);
+    for (const auto& s : c.sections) serializer->appendSection(s);
+    serializer->serialize();
+    if (serializer->byteVectorCount() != c.stream.size()) Fail("serializer changed the stream");
+  }
+  Report(state, c);
+}
+
+#define STREAM_SIZES Arg(10)->Arg(1000)->Arg(100000)->Unit(benchmark::kMicrosecond)
+BENCHMARK(BM_Encode_KX)->STREAM_SIZES;
+BENCHMARK(BM_Encode_Protobuf)->STREAM_SIZES;
+BENCHMARK(BM_Decode_KX)->STREAM_SIZES;
+BENCHMARK(BM_Decode_Protobuf)->STREAM_SIZES;
+BENCHMARK(BM_DomainScan_KX)->STREAM_SIZES;
+BENCHMARK(BM_Serializer_SharedMemory)->STREAM_SIZES;
+
+}  // namespace
+
+BENCHMARK_MAIN();
