@@ -185,9 +185,10 @@ const Corpus& CorpusOf(size_t resultCount) {
     s->setIcon(std::string(kind.bundle) + ".icon");
     c.sections.push_back(s);
   }
-  for (size_t i = 0; i < resultCount; ++i) {
-    const size_t k = i % std::size(kKinds);
-    c.sections[k]->addResults(MakeResult(text, kKinds[k]));
+  // Section by section, as the daemon's providers deliver them.
+  for (size_t k = 0; k < std::size(kKinds); ++k) {
+    const size_t n = (resultCount + std::size(kKinds) - 1 - k) / std::size(kKinds);
+    for (size_t i = 0; i < n; ++i) c.sections[k]->addResults(MakeResult(text, kKinds[k]));
   }
   WireWriter writer;
   for (const auto& s : c.sections) {

@@ -101,8 +101,6 @@ size_t HashString(const std::optional<std::string>& s) {
 
 }  // namespace
 
-KXSearchResult::KXSearchResult() = default;
-KXSearchResult::~KXSearchResult() = default;
 
 // ---------------------------------------------------------------------------
 // Additional properties
@@ -368,14 +366,64 @@ bool KXSearchResultSkipFrom(WireReader& reader) {
   return !reader.hasError();
 }
 
+// A dictionary's archive together with the entries it was made from. The
+// snapshot shares every value's storage with the dictionary, so a change to
+// an entry (which copies shared storage first) or a new entry breaks
+// identity. Records inside values can change in place, so dictionaries that
+// hold any are never cached.
+struct KXSearchResult::ArchiveCache {
+  kx::Dictionary snapshot;
+  Bytes archive;
+
+  bool matches(const kx::Dictionary& dict) const {
+    if (dict.size() != snapshot.size()) return false;
+    for (auto a = dict.begin(), b = snapshot.begin(); a != dict.end(); ++a, ++b) {
+      if (!a->second.isIdenticalTo(b->second) || a->first != b->first) return false;
+    }
+    return true;
+  }
+};
+
+namespace {
+
+bool HoldsRecords(const kx::Value& v) {
+  switch (v.kind()) {
+    case kx::Value::Kind::Object:
+      return true;
+    case kx::Value::Kind::Array:
+      return std::any_of(v.array()->begin(), v.array()->end(), HoldsRecords);
+    case kx::Value::Kind::Dictionary:
+      return std::any_of(v.dictionary()->begin(), v.dictionary()->end(),
+                         [](const auto& entry) { return HoldsRecords(entry.second); });
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
 void KXSearchResult::writeAdditionalProperties(WireWriter& w) const {
   const std::optional<kx::Dictionary>& props = properties();
   const CommonArchives& common = Common();
   if (!props) {
     w.writeDataField(kAdditionalPropertyDict, common.absent);
-  } else if (props->empty()) {
+    return;
+  }
+  if (props->empty()) {
     w.writeDataField(kAdditionalPropertyDict, common.empty);
-  } else if (std::optional<Bytes> archive = _kx_secureArchivedDataWithRootObject(kx::Value(*props))) {
+    return;
+  }
+  // The cache belongs to whoever sets the flag; a writer on another thread
+  // meanwhile archives on its own instead of waiting.
+  const bool ownsCache = !archiveCacheBusy_.exchange(true, std::memory_order_acquire);
+  if (ownsCache && archiveCache_ && archiveCache_->matches(*props)) {
+    w.writeDataField(kAdditionalPropertyDict, archiveCache_->archive);
+    archiveCacheBusy_.store(false, std::memory_order_release);
+    return;
+  }
+  const kx::Value root(*props);
+  std::optional<Bytes> archive = _kx_secureArchivedDataWithRootObject(root);
+  if (archive) {
     w.writeDataField(kAdditionalPropertyDict, *archive);
   } else {
     // The field is always written; the reader finds the dictionary absent,
@@ -384,7 +432,17 @@ void KXSearchResult::writeAdditionalProperties(WireWriter& w) const {
           title_);
     w.writeDataField(kAdditionalPropertyDict, common.absent);
   }
+  if (!ownsCache) return;
+  if (archive && !HoldsRecords(root)) {
+    archiveCache_.reset(new ArchiveCache{*root.dictionary(), std::move(*archive)});
+  } else {
+    archiveCache_.reset();
+  }
+  archiveCacheBusy_.store(false, std::memory_order_release);
 }
+
+KXSearchResult::KXSearchResult() = default;
+KXSearchResult::~KXSearchResult() = default;
 
 void KXSearchResult::writeTo(WireWriter& w) const {
   if (title_) w.writeStringField(kTitle, *title_);

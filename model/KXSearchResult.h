@@ -30,7 +30,9 @@
 // bytes and decodes them on the first access that needs the dictionary, with
 // exactly the result eager decoding would give (undecodable bytes leave the
 // dictionary absent). The archives of the absent and the empty dictionary are
-// recognised by their bytes and never stored.
+// recognised by their bytes and never stored. The archive written for any
+// other dictionary is kept and written again while the dictionary is
+// unchanged, so a result encoded repeatedly pays for archiving once.
 //
 // Threads: like the platform's nonatomic properties, a result belongs to one
 // writer at a time. Readers on several threads may share a result that
@@ -361,6 +363,13 @@ class KXSearchResult : public WireCodable {
   mutable std::optional<kx::Dictionary> additionalProperties_;
   mutable Bytes pendingArchive_;
   mutable std::atomic<bool> archivePending_{false};
+
+  // The archive last written for a non-empty dictionary, reused while every
+  // entry is still identical to the snapshot taken with it (see
+  // writeAdditionalProperties). Owned by whoever set archiveCacheBusy_.
+  struct ArchiveCache;
+  mutable std::unique_ptr<ArchiveCache> archiveCache_;
+  mutable std::atomic<bool> archiveCacheBusy_{false};
 
   // contentURL computed from the file-location properties while contentURL_
   // is absent; meaningful once contentURLComputed_ is set (release).

@@ -11,6 +11,7 @@
 
 #include "platform/file_id_service.h"
 #include "platform/process_info.h"
+#include "support/archivable_images.h"
 #include "support/secure_archiving.h"
 
 namespace {
@@ -293,6 +294,31 @@ TEST(KXSearchResultTest, AdditionalPropertiesDecodeLazilyLikeEagerDecoding) {
   // An archive whose root is not a dictionary counts as undecodable.
   auto array = Decode(Delimited({0x52}, ArchiveOf(kx::Value(kx::Array{kx::Value(1)}))));
   EXPECT_EQ(array->additionalPropertyDictIfPresent(), nullptr);
+}
+
+TEST(KXSearchResultTest, ReusedArchiveFollowsEveryChangeOfTheDictionary) {
+  KXSearchResult r;
+  r.setValue(kx::Value(kx::Array{kx::Value(1)}), "list");
+  auto image = std::make_shared<kx::KXImage>();
+  image->scale = 1;
+  r.setValue(kx::Value(kx::ObjectRef(image)), "image");
+  const Bytes first = Encode(r);
+  EXPECT_EQ(Encode(r), first);
+
+  // A nested change, a record changed in place, a replaced entry.
+  r.additionalPropertyDict()["list"].mutableArray()->push_back(kx::Value(2));
+  image->scale = 3;
+  auto back = Decode(Encode(r));
+  EXPECT_EQ(back->valueForUndefinedKey("list").count(), 2u);
+  EXPECT_EQ(back->valueForUndefinedKey("image").objectAs<kx::KXImage>()->scale, 3);
+
+  r.setValue(kx::Value(), "image");
+  r.setValue(kx::Value("x"), "list");
+  const Bytes plain = Encode(r);
+  EXPECT_EQ(Decode(plain)->valueForUndefinedKey("list"), kx::Value("x"));
+  r.setValue(kx::Value(int64_t{1}), "list");  // equal as a number, not as an archive
+  EXPECT_EQ(Decode(Encode(r))->valueForUndefinedKey("list").number()->type(),
+            kx::Number::Type::Int64);
 }
 
 TEST(KXSearchResultTest, ConcurrentReadersShareOnePendingDecode) {

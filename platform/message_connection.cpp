@@ -379,6 +379,13 @@ struct MessageConnection::State {
       const ssize_t n = recvmsg(socket, &msg, MSG_CMSG_CLOEXEC);
       if (n < 0) {
         if (errno == EINTR) continue;
+        // The socket is meant to block; should anything sharing its file
+        // description have made it non-blocking, wait for data instead.
+        if (errno == EAGAIN) {
+          pollfd p{socket, POLLIN, 0};
+          poll(&p, 1, -1);
+          continue;
+        }
         return;
       }
       int fds[kMaxReceivedDescriptors];

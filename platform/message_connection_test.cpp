@@ -390,6 +390,10 @@ TEST(MessageConnectionTest, HostileDatagramsAreDroppedWithoutLeaks) {
   const std::vector<uint8_t> oneFd =
       test::RawDatagram().header(1).dictionary(1).text("fd").bytes({0x0A, 0}).data();
 
+  test::RawDatagram reused;
+  reused.header(2).dictionary(2).text("a").bytes({0x0A, 0}).text("b").bytes({0x0A, 0});
+  const std::vector<uint8_t> reusedIndex = reused.data();
+
   // Every kind of bad datagram, then a valid one: the connection delivers in
   // order, so once that arrives every earlier datagram has been dealt with.
   auto sendHostileThenValid = [&] {
@@ -411,7 +415,10 @@ TEST(MessageConnectionTest, HostileDatagramsAreDroppedWithoutLeaks) {
     sendWith(oneFd, eventFd(), eventFd());                                    // more than declared
     sendWith(test::RawDatagram().header(0).dictionary(0).data(), eventFd());  // none declared
     sendWith(test::RawDatagram().header(1).dictionary(1).text("fd").bytes({0x0A, 3}).data(),
-             eventFd());
+             eventFd());  // index out of range
+    sendWith(reusedIndex, eventFd(), eventFd());
+    sendWith(test::RawDatagram().header(1).dictionary(0).data(), eventFd());  // declared, unused
+    sendWith(shmem(1), eventFd());                                            // not a memfd
     sendWith(shmem(100), memfd(page, 4096, /*sealed=*/false));
     sendWith(shmem(3 * 4096), memfd(page, 4096, /*sealed=*/true));
     sendWith(outOfLine(body.size()), memfd(body, body.size(), /*sealed=*/false));

@@ -33,22 +33,6 @@ TEST(MessageObjectTest, DictionaryKeepsAbsentEmptyAndWrongTypeApart) {
   EXPECT_EQ(d->int64("key49"), 49);
 }
 
-TEST(MessageObjectTest, CopiesShareContainersAndEqualityIsDeep) {
-  auto inner = MessageDictionary::Create();
-  MessageObject a = MessageObject::Dictionary(inner);
-  MessageObject copy = a;
-  inner->set("x", MessageObject::Bool(true));
-  EXPECT_EQ(copy.dictionary()->boolean("x"), true);
-
-  auto other = MessageDictionary::Create();
-  other->set("x", MessageObject::Bool(true));
-  EXPECT_EQ(a, MessageObject::Dictionary(other));
-  other->set("x", MessageObject::Bool(false));
-  EXPECT_FALSE(a == MessageObject::Dictionary(other));
-  EXPECT_FALSE(MessageObject::Int64(1) == MessageObject::UInt64(1));
-  EXPECT_EQ(MessageObject(), MessageObject());
-}
-
 TEST(MessageObjectTest, DescriptorClosesWithTheLastCopy) {
   int fds[2];
   ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);

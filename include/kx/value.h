@@ -218,6 +218,10 @@ class Value {
   // Deep value equality (objects by `isEqual`); numbers numerically, and a
   // NaN equals a NaN so that equality stays reflexive for hashed containers.
   bool operator==(const Value& other) const;
+  // True when both hold the same storage (or both are nil), which implies
+  // equality. Storage is immutable and copied before any change while it is
+  // shared, so a value still identical to a kept copy has not changed since.
+  bool isIdenticalTo(const Value& other) const { return storage_ == other.storage_; }
   size_t hash() const;
   // The platform's textual description: strings bare, numbers in decimal,
   // arrays "(\n    a,\n    b\n)", dictionaries "{\n    k = v;\n}" with keys

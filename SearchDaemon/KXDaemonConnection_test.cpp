@@ -1,0 +1,335 @@
+#include "SearchDaemon/KXDaemonConnection.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <future>
+
+#include "SearchDaemon/daemon_testing.h"
+#include "feedback/KXFeedback.h"
+#include "kx/log.h"
+#include "model/KXSearchResult.h"
+
+namespace kx {
+namespace {
+
+using test::kTimeout;
+using test::LoggedCount;
+using test::Received;
+using test::RecordingDelegate;
+using test::TestDaemon;
+using Events = std::vector<std::string>;
+
+std::set<std::string> Keys(std::initializer_list<const char*> keys) {
+  return std::set<std::string>(keys.begin(), keys.end());
+}
+
+size_t MappingCount() {
+  std::ifstream maps("/proc/self/maps");
+  size_t n = 0;
+  for (std::string line; std::getline(maps, line);) ++n;
+  return n;
+}
+
+// Waits for the value a callback hands over.
+template <class T>
+T Await(const std::function<void(std::function<void(T)>)>& request) {
+  auto promise = std::make_shared<std::promise<T>>();
+  std::future<T> future = promise->get_future();
+  request([promise](T value) { promise->set_value(std::move(value)); });
+  EXPECT_EQ(future.wait_for(kTimeout), std::future_status::ready);
+  return future.get();
+}
+
+// A client of the test daemon whose query delegates run on their own queues.
+struct DaemonClient {
+  explicit DaemonClient(const TestDaemon& daemon)
+      : connection(KXDaemonConnection::initWithDaemonName(daemon.service())) {}
+
+  struct Query {
+    std::shared_ptr<KXDaemonQueryToken> token;
+    std::shared_ptr<RecordingDelegate> delegate;
+    // Waits for `count` events and returns them all.
+    Events events(size_t count) {
+      EXPECT_TRUE(delegate->events.waitFor(count)) << "query " << token->queryID();
+      return delegate->events.items();
+    }
+  };
+
+  // Opens `script` (see tests/test_daemon.cpp) the way the search agent
+  // does: on the delegate's queue, setting the delegate in the same job.
+  Query start(const std::string& script, const Value& response = Value(), bool isStable = false) {
+    auto queue = Queue::Create("test.query");
+    Query query{nullptr, std::make_shared<RecordingDelegate>(queue)};
+    auto search = KXSearchQuery::initWithSearchString(script, "en_US", std::nullopt,
+                                                      KXSearchQuery::DomainList{2, 4},
+                                                      KXSearchQuery::BundleList{});
+    queue->sync([&] {
+      query.token = connection->startQuery(search, response, isStable, queue);
+      query.token->setDelegate(query.delegate);
+    });
+    return query;
+  }
+
+  std::shared_ptr<KXDaemonConnection> connection;
+};
+
+// The "OpenQuery" messages the daemon received for `token`.
+std::vector<Received> OpensOf(const TestDaemon& daemon, const KXDaemonQueryToken& token) {
+  std::vector<Received> opens;
+  const std::string qid = "QID = " + std::to_string(token.queryID()) + ";";
+  for (Received& r : daemon.received("OpenQuery"))
+    if (r.details.find(qid) != std::string::npos) opens.push_back(std::move(r));
+  return opens;
+}
+
+TEST(KXDaemonConnectionTest, OpenQueryInfoBoxesEachNumberInItsWidth) {
+  auto query = KXSearchQuery::initWithSearchString("q", std::nullopt, std::nullopt,
+                                                   KXSearchQuery::DomainList{3}, std::nullopt);
+  query->setMaxCount(5);
+  query->setContentFilters(-2);
+  query->setInternal(true);
+  auto token = KXDaemonQueryToken::initWithQuery(query);
+  const Dictionary info =
+      KXDaemonConnection::OpenQueryInfo(*token, MakeDictionary({{"k", "v"}}), true);
+  auto type = [&](const char* key) { return info.at(key).number()->type(); };
+  EXPECT_EQ(type("QID"), Number::Type::UInt32);
+  EXPECT_EQ(info.at("QID").number()->uint32Value(), token->queryID());
+  EXPECT_EQ(type("QC"), Number::Type::Int64);
+  EXPECT_EQ(type("FC"), Number::Type::Int64);
+  EXPECT_EQ(info.at("FC").number()->int64Value(), -2);
+  EXPECT_EQ(type("DS"), Number::Type::Bool);
+  EXPECT_TRUE(info.at("IQ").number()->boolValue());
+  EXPECT_EQ(info.at("DA"), Value(Array{Number::UInt32(3)}));
+  // Missing languages travel as empty strings; missing bundles not at all.
+  EXPECT_EQ(info.at("KL"), Value(""));
+  EXPECT_EQ(info.at("KPL"), Value(""));
+  EXPECT_FALSE(info.contains("BA"));
+  EXPECT_EQ(info.size(), 10u);
+}
+
+TEST(KXDaemonConnectionTest, AQueryReceivesItsBatchesAsSectionsThenCompletes) {
+  TestDaemon daemon;
+  DaemonClient client(daemon);
+  DaemonClient::Query query = client.start("results:2:3 results:4:1 complete:F1:W1");
+  EXPECT_EQ(query.events(3), (Events{"results 2:3", "results 4:1", "complete"}));
+  EXPECT_EQ(query.delegate->offQueue, 0);
+  EXPECT_TRUE(query.token->queryFinished());
+  EXPECT_EQ(query.token->fbq(), "F1");
+  EXPECT_EQ(query.token->web_fbq(), "W1");
+
+  // Without a response: eight distinct keys, no dictation or internal flags.
+  const std::vector<Received> plain = OpensOf(daemon, *query.token);
+  ASSERT_EQ(plain.size(), 1u);
+  EXPECT_EQ(plain[0].keys, Keys({"QID", "DA", "BA", "QS", "KL", "KPL", "QC", "FC"}));
+
+  // With one: all eleven.
+  DaemonClient::Query dictated =
+      client.start("complete", MakeDictionary({{"transcript", "mail"}}), true);
+  dictated.events(1);
+  const std::vector<Received> opens = OpensOf(daemon, *dictated.token);
+  ASSERT_EQ(opens.size(), 1u);
+  EXPECT_EQ(opens[0].keys, Keys({"QID", "DA", "BA", "QS", "KL", "KPL", "QC", "DR", "DS", "IQ", "FC"}));
+
+  // Cancelling leaves the table, cancels the query and closes it at the daemon.
+  client.connection->cancelQuery(query.token);
+  EXPECT_TRUE(query.token->query()->cancelled());
+  EXPECT_EQ(client.connection->runningQueries().count(query.token->queryID()), 0u);
+  EXPECT_EQ(client.connection->runningQueries().size(), 1u);
+  const std::vector<Received> closes = daemon.waitFor("CloseQuery", 1);
+  ASSERT_EQ(closes.size(), 1u);
+  EXPECT_NE(closes[0].details.find("QID = " + std::to_string(query.token->queryID()) + ";"),
+            std::string::npos);
+}
+
+TEST(KXDaemonConnectionTest, ResetsAndErrorsArriveInOrderAndLeaveTheQueryOpen) {
+  TestDaemon daemon;
+  DaemonClient client(daemon);
+  DaemonClient::Query query = client.start("reset error:7 error results:1:2");
+  EXPECT_EQ(query.events(4),
+            (Events{"reset", "error SearchError 7", "error SearchError 0", "results 1:2"}));
+  EXPECT_FALSE(query.token->queryFinished());
+}
+
+TEST(KXDaemonConnectionTest, MessagesForOtherOrMissingQueryIdsChangeNothingAndLeakNoMapping) {
+  TestDaemon daemon;
+  DaemonClient client(daemon);
+  // The first round brings up the threads and caches that a count of
+  // mappings would otherwise see grow.
+  EXPECT_EQ(client.start("stray:5 noqid:5 results:1:1 complete").events(2),
+            (Events{"results 1:1", "complete"}));
+  const size_t before = MappingCount();
+  // Every stray batch is dropped before the completion behind it arrives.
+  EXPECT_EQ(client.start("stray:40 noqid:40 complete").events(1), Events{"complete"});
+  EXPECT_LE(MappingCount(), before + 4);
+}
+
+TEST(KXDaemonConnectionTest, AnInterruptionResendsEachUnfinishedQueryOnce) {
+  setKXLogLevel(7);
+  TestDaemon daemon;
+  DaemonClient client(daemon);
+  DaemonClient::Query finished = client.start("results:1:1 complete");
+  EXPECT_EQ(finished.events(2), (Events{"results 1:1", "complete"}));
+  DaemonClient::Query a = client.start("results:2:1", MakeDictionary({{"transcript", "a"}}), true);
+  DaemonClient::Query b = client.start("results:3:1");
+  a.events(1);
+  b.events(1);
+  const pid_t first = daemon.pid();
+
+  daemon.kill();
+  // The launcher's next daemon answers the re-sent queries.
+  EXPECT_EQ(a.events(3), (Events{"results 2:1", "reset", "results 2:1"}));
+  EXPECT_EQ(b.events(3), (Events{"results 3:1", "reset", "results 3:1"}));
+  for (const auto* q : {&a, &b}) {
+    const std::vector<Received> opens = OpensOf(daemon, *q->token);
+    ASSERT_EQ(opens.size(), 2u);
+    EXPECT_NE(opens[1].pid, first);
+    // Re-sent without the response and its flags.
+    EXPECT_EQ(opens[1].keys, Keys({"QID", "DA", "BA", "QS", "KL", "KPL", "QC", "FC"}));
+  }
+  EXPECT_EQ(OpensOf(daemon, *finished.token).size(), 1u);
+  EXPECT_EQ(LoggedCount("=====^^^^ Resending query!"), 3u);
+
+  // A second interruption while they run re-sends nothing. A request that
+  // is answered shows the client has reconnected; flushing the tokens'
+  // queues and one more round trip lets anything re-sent reach the daemon.
+  daemon.kill();
+  auto fte = [&] {
+    return Await<Value>([&](auto done) {
+      client.connection->retrieveFirstTimeExperienceTextWithReply(done);
+    });
+  };
+  for (auto deadline = std::chrono::steady_clock::now() + kTimeout;
+       fte().isNil() && std::chrono::steady_clock::now() < deadline;) {
+  }
+  a.token->queue()->sync([] {});
+  b.token->queue()->sync([] {});
+  EXPECT_EQ(fte(), Value("Type to search"));
+  EXPECT_EQ(OpensOf(daemon, *a.token).size(), 2u);
+  EXPECT_EQ(OpensOf(daemon, *b.token).size(), 2u);
+  EXPECT_EQ(a.delegate->events.size(), 3u);
+  EXPECT_EQ(LoggedCount("=====^^^^ Resending query!"), 3u);
+
+  // Once the table has emptied, the next interruption re-sends again.
+  for (const auto* q : {&finished, &a, &b}) client.connection->cancelQuery(q->token);
+  DaemonClient::Query c = client.start("results:5:1");
+  c.events(1);
+  daemon.kill();
+  EXPECT_EQ(c.events(3), (Events{"results 5:1", "reset", "results 5:1"}));
+}
+
+TEST(KXDaemonConnectionTest, AgainstASilentDaemonTheUpdateListTimesOutAndRegistrationSendsNothing) {
+  setKXLogLevel(7);
+  TestDaemon daemon({"--silent"});
+  DaemonClient client(daemon);
+  bool hasUpdates = true;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(client.connection->retrieveUpdateListForDisplayIdentifier("updates.notes", "notes",
+                                                                         &hasUpdates));
+  const auto waited = std::chrono::steady_clock::now() - start;
+  EXPECT_FALSE(hasUpdates);
+  EXPECT_GE(waited, std::chrono::milliseconds(4990));
+  EXPECT_LT(waited, std::chrono::milliseconds(6500));
+  EXPECT_EQ(LoggedCount("retrieve updates: no  (timedout)"), 1u);
+
+  client.connection->registerApplication("com.example.notes", {"notes"});
+  client.connection->preheat();
+  daemon.waitFor("Preheat", 1);
+  std::vector<std::string> names;
+  for (const Received& r : daemon.received())
+    if (r.name != "start") names.push_back(r.name);
+  EXPECT_EQ(names, (std::vector<std::string>{"UpdateList", "Preheat"}));
+}
+
+TEST(KXDaemonConnectionTest, RequestsRoundTrip) {
+  TestDaemon daemon;
+  DaemonClient client(daemon);
+  KXDaemonConnection& connection = *client.connection;
+  using Image = std::optional<std::vector<uint8_t>>;
+  auto text = [](const Image& image) {
+    return image ? std::string(image->begin(), image->end()) : std::string("(none)");
+  };
+
+  EXPECT_EQ(Await<Value>([&](auto done) { connection.retrieveFirstTimeExperienceTextWithReply(done); }),
+            Value("Type to search"));
+  EXPECT_EQ(Await<Value>([&](auto done) { connection.requestVantleParametersWithReply(done); }),
+            Value(MakeDictionary({{"endpoint", "local"}, {"version", 3}})));
+
+  KXSearchResult result;
+  result.setIdentifier(12);
+  result.setValue(Value("https://cards.example/12"), "card_url");
+  EXPECT_EQ(text(Await<Image>([&](auto done) {
+              connection.retrieveImageDataForResult(result, 3, Size{40.5, 30}, done);
+            })),
+            "ID=12 D=3 40.5x30");
+  EXPECT_EQ(text(Await<Image>([&](auto done) {
+              connection.retrieveImageDataForResultIdentifierNumber(UINT64_MAX, 26, Size{1, 2}, done);
+            })),
+            "ID=18446744073709551615 D=26 1x2");
+  EXPECT_EQ(text(Await<Image>([&](auto done) {
+              connection.retrieveImageDataWithIdentifier("photo-1", 4, Size{64, 64}, done);
+            })),
+            "IDI=photo-1 D=4 64x64");
+
+  std::shared_ptr<KXSearchResult> card = Await<std::shared_ptr<KXSearchResult>>(
+      [&](auto done) { connection.fetchCardDataForResult(result, done); });
+  ASSERT_NE(card, nullptr);
+  EXPECT_EQ(card->url(), "https://cards.example/12");
+  EXPECT_EQ(card->title(), "card");
+  EXPECT_EQ(card->identifier(), 77u);
+
+  bool hasUpdates = false;
+  EXPECT_TRUE(connection.retrieveUpdateListForDisplayIdentifier("updates.notes", "notes", &hasUpdates));
+  EXPECT_TRUE(hasUpdates);
+  EXPECT_TRUE(connection.retrieveUpdateListForDisplayIdentifier("com.example", "notes", &hasUpdates));
+  EXPECT_FALSE(hasUpdates);
+
+  connection.startRecordUpdatesForApplication("com.example.notes", "notes");
+  connection.requestRecordUpdatesForApplication("com.example.notes", "notes", {"n1", "n2"});
+  connection.endRecordUpdatesForApplication("com.example.notes", "notes");
+  connection.activate();
+  connection.deactivate();
+  connection.sendFeedback(std::make_shared<KXFeedback>());
+  const std::vector<Received> feedback = daemon.waitFor("SendFeedback", 1);
+  ASSERT_EQ(feedback.size(), 1u);
+  EXPECT_EQ(feedback[0].keys, Keys({"FB"}));
+  EXPECT_EQ(feedback[0].details, "KXFeedback");
+  EXPECT_EQ(daemon.received("StartRecordUpdates")[0].keys, Keys({"DI", "CAT"}));
+  EXPECT_EQ(daemon.received("EndRecordUpdates")[0].keys, Keys({"DI", "CAT"}));
+  const std::vector<Received> request = daemon.received("RecordUpdateRequest");
+  ASSERT_EQ(request.size(), 1u);
+  EXPECT_EQ(request[0].keys, Keys({"DI", "CAT", "UA"}));
+  EXPECT_NE(request[0].details.find("UA = ( n1, n2 );"), std::string::npos) << request[0].details;
+  daemon.waitFor("Activate", 1);
+  EXPECT_EQ(daemon.waitFor("Deactivate", 1)[0].keys, Keys({}));
+}
+
+TEST(KXDaemonConnectionTest, ErrorRepliesYieldNothing) {
+  TestDaemon daemon({"--reply-errors"});
+  DaemonClient client(daemon);
+  KXDaemonConnection& connection = *client.connection;
+  using Image = std::optional<std::vector<uint8_t>>;
+  KXSearchResult result;
+  result.setIdentifier(12);
+
+  EXPECT_EQ(Await<Image>([&](auto done) {
+              connection.retrieveImageDataForResult(result, 3, Size{40, 30}, done);
+            }),
+            std::nullopt);
+  std::shared_ptr<KXSearchResult> card = Await<std::shared_ptr<KXSearchResult>>(
+      [&](auto done) { connection.fetchCardDataForResult(result, done); });
+  ASSERT_NE(card, nullptr);
+  EXPECT_FALSE(card->hasTitle());
+  EXPECT_FALSE(card->hasIdentifier());
+  EXPECT_TRUE(Await<Value>([&](auto done) { connection.requestVantleParametersWithReply(done); })
+                  .isNil());
+  // An error is an answer in time, and it says "no".
+  bool hasUpdates = true;
+  EXPECT_TRUE(connection.retrieveUpdateListForDisplayIdentifier("updates.notes", "notes", &hasUpdates));
+  EXPECT_FALSE(hasUpdates);
+  // The daemon saw the first request and closed the connection on it.
+  EXPECT_EQ(daemon.received("GetResultImage").size(), 1u);
+}
+
+}  // namespace
+}  // namespace kx
