@@ -82,7 +82,7 @@ struct Received {
 class TestDaemon {
  public:
   explicit TestDaemon(std::vector<std::string> flags = {}, std::string service = "searchd")
-      : service_(std::move(service)), log_(TestRoot() + "/" + service_ + ".received") {
+      : service_(std::move(service)), log_(NewLogPath(service_)) {
     std::vector<std::string> args = {"--name", service_, "--", HelperPath("test_daemon"),
                                      "--service", service_, "--log", log_};
     args.insert(args.end(), flags.begin(), flags.end());
@@ -152,6 +152,12 @@ class TestDaemon {
   }
 
  private:
+  // A record of its own for every daemon a test process starts.
+  static std::string NewLogPath(const std::string& service) {
+    static std::atomic<int> started{0};
+    return TestRoot() + "/" + service + "." + std::to_string(++started) + ".received";
+  }
+
   std::string service_;
   std::string log_;
   std::optional<ChildProcess> launcher_;

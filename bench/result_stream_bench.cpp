@@ -1,20 +1,26 @@
 // The packed result stream against Google protobuf's generated code for the
 // same records (bench/result_stream.proto), on the same bytes.
 //
-// Corpus: N results (10, 1,000, 100,000) spread round-robin over five
-// sections (contacts, mail, applications, documents, web suggestions) with
-// field sizes like the daemon's: titles of 10 to 40 bytes, mail and web
-// summaries of 80 to 160, URLs of 30 to 90, UUID external identifiers,
-// scores, and for documents a four-key additional-property dictionary
-// (file location) that travels as a secure keyed archive in tag 10.
+// Corpus: N results (10, 1,000, 100,000) spread over five sections
+// (contacts, mail, applications, documents, web suggestions), made section
+// by section as the daemon's providers deliver them, with field sizes like
+// the daemon's: titles of 5 to 40 bytes, mail and web summaries of 80 to
+// 160, URLs of 30 to 90, UUID external identifiers, scores. With
+// dictionaries (the second argument 1), every document result also carries
+// a four-key additional-property dictionary (its file location), which
+// travels as a secure keyed archive in tag 10; without (0) no result has
+// additional properties, so tag 10 holds the archive of an absent dictionary
+// and encoding measures the wire format alone.
 //
 // Method:
-//   Encode: kxsearch writes every section with serializeTo (fields, then the
-//     0x04 mark) into one WireWriter; protobuf appends every parsed Section
-//     message with AppendToString and pushes the 0x04 byte. Both start from
-//     an empty buffer each iteration. The protobuf messages were parsed from
-//     the kxsearch stream, so both encode the same content into the same
-//     number of bytes (protobuf sorts tag 31 after 30, a byte order change).
+//   Encode: every section written with serializeTo (fields, then the 0x04
+//     mark) into one WireWriter. "Producer" encodes the records as built
+//     (their dictionaries are archived during the encode); "Decoded" encodes
+//     records decoded from the stream, the state protobuf starts from.
+//     Protobuf appends every Section message parsed from the same stream with
+//     AppendToString and pushes the 0x04 byte; it writes the same number of
+//     bytes (it sorts tag 31 after 30, a byte order change only). Every
+//     encoder starts from an empty buffer each iteration.
 //   Decode: kxsearch runs the client's consumer loop (a fresh section per
 //     deserializeNextSection) over the stream; protobuf parses each section's
 //     bytes (without the mark) with ParseFromArray into a fresh Section. The
@@ -92,7 +98,7 @@ constexpr SectionKind kKinds[] = {{2, "com.orvex.contacts"},
                                   {14, "com.orvex.files"},
                                   {17, "com.orvex.websearch"}};
 
-std::shared_ptr<KXSearchResult> MakeResult(Text& t, const SectionKind& kind) {
+std::shared_ptr<KXSearchResult> MakeResult(Text& t, const SectionKind& kind, bool withDictionary) {
   auto r = std::make_shared<KXSearchResult>();
   r->setTitle(t.words(10, 40));
   r->setIdentifier(t.number());
@@ -123,11 +129,11 @@ std::shared_ptr<KXSearchResult> MakeResult(Text& t, const SectionKind& kind) {
     case 14: {
       const std::string name = t.words(8, 24) + ".odt";
       r->setSummary(t.words(60, 100));
-      if (!getenv("NODICT")) {
-      r->setFilename(name);
-      r->setFileIdentifier(t.number() >> 20);
-      r->setParentFileIdentifier(t.number() >> 20);
-      r->setDocumentIdentifier(static_cast<uint32_t>(t.number()));
+      if (withDictionary) {
+        r->setFilename(name);
+        r->setFileIdentifier(t.number() >> 20);
+        r->setParentFileIdentifier(t.number() >> 20);
+        r->setDocumentIdentifier(static_cast<uint32_t>(t.number()));
       }
       r->setContentURL("/home/user/Documents/" + name);
       break;
@@ -143,6 +149,8 @@ std::shared_ptr<KXSearchResult> MakeResult(Text& t, const SectionKind& kind) {
 
 struct Corpus {
   std::vector<SectionRef> sections;
+  // The same sections as a client decodes them.
+  std::vector<SectionRef> decodedSections;
   std::vector<uint8_t> stream;
   // Each section's bytes without its mark: [begin, end).
   std::vector<std::pair<size_t, size_t>> spans;
@@ -171,9 +179,29 @@ std::shared_ptr<KXSearchResultDeserializer> ReaderOver(const std::vector<uint8_t
   std::abort();
 }
 
-const Corpus& CorpusOf(size_t resultCount) {
-  static std::map<size_t, std::unique_ptr<Corpus>> cache;
-  std::unique_ptr<Corpus>& slot = cache[resultCount];
+std::vector<SectionRef> DecodeAll(const std::vector<uint8_t>& stream) {
+  auto reader = ReaderOver(stream);
+  std::vector<SectionRef> sections;
+  while (true) {
+    auto section = std::make_shared<KXSearchResultSection>();
+    if (!reader->deserializeNextSection(section.get())) return sections;
+    sections.push_back(std::move(section));
+  }
+}
+
+size_t ResultCount(const std::vector<SectionRef>& sections) {
+  size_t n = 0;
+  for (const auto& s : sections) n += s->resultsCount();
+  return n;
+}
+
+// The corpus of the benchmark's arguments: result count and, when given,
+// whether documents carry dictionaries (they do by default).
+const Corpus& CorpusOf(const benchmark::State& state) {
+  const size_t resultCount = static_cast<size_t>(state.range(0));
+  const bool withDictionaries = state.range(1) != 0;
+  static std::map<std::pair<size_t, bool>, std::unique_ptr<Corpus>> cache;
+  std::unique_ptr<Corpus>& slot = cache[{resultCount, withDictionaries}];
   if (slot) return *slot;
   slot = std::make_unique<Corpus>();
   Corpus& c = *slot;
@@ -188,7 +216,8 @@ const Corpus& CorpusOf(size_t resultCount) {
   // Section by section, as the daemon's providers deliver them.
   for (size_t k = 0; k < std::size(kKinds); ++k) {
     const size_t n = (resultCount + std::size(kKinds) - 1 - k) / std::size(kKinds);
-    for (size_t i = 0; i < n; ++i) c.sections[k]->addResults(MakeResult(text, kKinds[k]));
+    for (size_t i = 0; i < n; ++i)
+      c.sections[k]->addResults(MakeResult(text, kKinds[k], withDictionaries));
   }
   WireWriter writer;
   for (const auto& s : c.sections) {
@@ -209,15 +238,8 @@ const Corpus& CorpusOf(size_t resultCount) {
   }
   if (protoResults != resultCount) Fail("protobuf sees another number of results");
   if (protoBytes != c.stream.size()) Fail("protobuf would encode another number of bytes");
-  auto reader = ReaderOver(c.stream);
-  size_t kxResults = 0;
-  for (size_t i = 0;; ++i) {
-    auto section = std::make_shared<KXSearchResultSection>();
-    if (!reader->deserializeNextSection(section.get())) break;
-    kxResults += section->resultsCount();
-    if (reader->position() != c.spans[i].second + 1) Fail("section boundaries differ");
-  }
-  if (kxResults != resultCount) Fail("the stream does not decode");
+  c.decodedSections = DecodeAll(c.stream);
+  if (ResultCount(c.decodedSections) != resultCount) Fail("the stream does not decode");
   return c;
 }
 
@@ -227,19 +249,29 @@ void Report(benchmark::State& state, const Corpus& c) {
   state.counters["stream_bytes"] = static_cast<double>(c.stream.size());
 }
 
-void BM_Encode_KX(benchmark::State& state) {
-  const Corpus& c = CorpusOf(static_cast<size_t>(state.range(0)));
+void EncodeSections(benchmark::State& state, const Corpus& c,
+                    const std::vector<SectionRef>& sections) {
   for (auto _ : state) {
     WireWriter writer;
-    for (const auto& s : c.sections) s->serializeTo(writer);
+    for (const auto& s : sections) s->serializeTo(writer);
     benchmark::DoNotOptimize(writer.data());
     if (writer.size() != c.stream.size()) Fail("encoding changed");
   }
   Report(state, c);
 }
 
+void BM_Encode_KX_Producer(benchmark::State& state) {
+  const Corpus& c = CorpusOf(state);
+  EncodeSections(state, c, c.sections);
+}
+
+void BM_Encode_KX_Decoded(benchmark::State& state) {
+  const Corpus& c = CorpusOf(state);
+  EncodeSections(state, c, c.decodedSections);
+}
+
 void BM_Encode_Protobuf(benchmark::State& state) {
-  const Corpus& c = CorpusOf(static_cast<size_t>(state.range(0)));
+  const Corpus& c = CorpusOf(state);
   for (auto _ : state) {
     std::string out;
     for (const auto& p : c.protoSections) {
@@ -253,22 +285,16 @@ void BM_Encode_Protobuf(benchmark::State& state) {
 }
 
 void BM_Decode_KX(benchmark::State& state) {
-  const Corpus& c = CorpusOf(static_cast<size_t>(state.range(0)));
+  const Corpus& c = CorpusOf(state);
   for (auto _ : state) {
-    auto reader = ReaderOver(c.stream);
-    std::vector<SectionRef> sections;
-    while (true) {
-      auto section = std::make_shared<KXSearchResultSection>();
-      if (!reader->deserializeNextSection(section.get())) break;
-      sections.push_back(std::move(section));
-    }
+    std::vector<SectionRef> sections = DecodeAll(c.stream);
     benchmark::DoNotOptimize(sections.data());
   }
   Report(state, c);
 }
 
 void BM_Decode_Protobuf(benchmark::State& state) {
-  const Corpus& c = CorpusOf(static_cast<size_t>(state.range(0)));
+  const Corpus& c = CorpusOf(state);
   for (auto _ : state) {
     std::vector<kxbench::Section> sections(c.spans.size());
     for (size_t i = 0; i < c.spans.size(); ++i) {
@@ -282,7 +308,7 @@ void BM_Decode_Protobuf(benchmark::State& state) {
 }
 
 void BM_DomainScan_KX(benchmark::State& state) {
-  const Corpus& c = CorpusOf(static_cast<size_t>(state.range(0)));
+  const Corpus& c = CorpusOf(state);
   for (auto _ : state) {
     auto reader = ReaderOver(c.stream);
     uint32_t domain = 0, sum = 0;
@@ -293,7 +319,7 @@ void BM_DomainScan_KX(benchmark::State& state) {
 }
 
 void BM_Serializer_SharedMemory(benchmark::State& state) {
-  const Corpus& c = CorpusOf(static_cast<size_t>(state.range(0)));
+  const Corpus& c = CorpusOf(state);
   for (auto _ : state) {
     auto serializer = KXSearchResultSerializer::initWithInitialCapacity(0);
     for (const auto& s : c.sections) serializer->appendSection(s);
@@ -303,13 +329,23 @@ void BM_Serializer_SharedMemory(benchmark::State& state) {
   Report(state, c);
 }
 
-#define STREAM_SIZES Arg(10)->Arg(1000)->Arg(100000)->Unit(benchmark::kMicrosecond)
-BENCHMARK(BM_Encode_KX)->STREAM_SIZES;
-BENCHMARK(BM_Encode_Protobuf)->STREAM_SIZES;
-BENCHMARK(BM_Decode_KX)->STREAM_SIZES;
-BENCHMARK(BM_Decode_Protobuf)->STREAM_SIZES;
-BENCHMARK(BM_DomainScan_KX)->STREAM_SIZES;
-BENCHMARK(BM_Serializer_SharedMemory)->STREAM_SIZES;
+// Encoders run with and without document dictionaries, the others with.
+void EncodeArgs(benchmark::internal::Benchmark* b) {
+  for (int64_t dictionaries : {1, 0})
+    for (int64_t n : {10, 1000, 100000}) b->Args({n, dictionaries});
+  b->Unit(benchmark::kMicrosecond);
+}
+void StreamArgs(benchmark::internal::Benchmark* b) {
+  for (int64_t n : {10, 1000, 100000}) b->Args({n, 1});
+  b->Unit(benchmark::kMicrosecond);
+}
+BENCHMARK(BM_Encode_KX_Producer)->Apply(EncodeArgs);
+BENCHMARK(BM_Encode_KX_Decoded)->Apply(EncodeArgs);
+BENCHMARK(BM_Encode_Protobuf)->Apply(EncodeArgs);
+BENCHMARK(BM_Decode_KX)->Apply(StreamArgs);
+BENCHMARK(BM_Decode_Protobuf)->Apply(StreamArgs);
+BENCHMARK(BM_DomainScan_KX)->Apply(StreamArgs);
+BENCHMARK(BM_Serializer_SharedMemory)->Apply(StreamArgs);
 
 }  // namespace
 

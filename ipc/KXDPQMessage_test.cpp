@@ -126,7 +126,8 @@ TEST(KXDPQMessageTest, ReceivedEnvelopesAreReadDefensively) {
                                                             "Region", "Last"}));
   for (size_t i = 0; i < 4; ++i) EXPECT_FALSE(received[i]->info()) << i;
   // Only the bytes that are no property list at all are worth a log line.
-  EXPECT_EQ(LoggedCount("Error deserializing plist "), 1u);
+  const std::vector<uint8_t> garbage{1, 2, 3};
+  EXPECT_EQ(LoggedCount("Error deserializing plist " + DecodeBinaryPropertyList(garbage).error), 1u);
 
   // The declared length counts, not the page-rounded mapping.
   const KXDPQMessage& region = *received[4];

@@ -119,11 +119,12 @@ inline void WaitForServiceSocket(const std::string& service) {
     std::this_thread::sleep_for(10ms);
 }
 
-// How many lines of this process's diagnostic log contain `text`.
+// How many lines of this process's diagnostic log end with `text`.
 inline size_t LoggedCount(const std::string& text) {
   std::ifstream in(logFilePathWithNumber(LogDirectoryPath(), 0), std::ios::binary);
   size_t n = 0;
-  for (std::string line; std::getline(in, line);) n += line.find(text) != std::string::npos;
+  for (std::string line; std::getline(in, line);)
+    n += line.size() >= text.size() && line.compare(line.size() - text.size(), text.size(), text) == 0;
   return n;
 }
 

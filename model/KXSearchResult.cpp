@@ -240,15 +240,8 @@ void KXSearchResult::setResultURL(const std::optional<kx::URL>& u) {
   }
 }
 
-const std::optional<std::string>& KXSearchResult::storedContentURL() const {
-  static const std::optional<std::string> kNone;
-  if (contentURL_) return contentURL_;
-  if (contentURLComputed_.load(std::memory_order_acquire)) return computedContentURL_;
-  return kNone;
-}
-
 std::optional<std::string> KXSearchResult::contentURL() const {
-  if (const std::optional<std::string>& stored = storedContentURL()) return stored;
+  if (const std::string* stored = storedContentURL()) return *stored;
   std::optional<uint32_t> documentID = documentIdentifier();
   if (!documentID) return std::nullopt;
   // Resolved outside the lock: it may take a while on the file system. A
@@ -468,9 +461,7 @@ void KXSearchResult::writeTo(WireWriter& w) const {
   if (userActivityData_) w.writeDataField(kUserActivityData, *userActivityData_);
   if (bundleID_) w.writeStringField(kBundleID, *bundleID_);
   if (externalIdentifier_) w.writeStringField(kExternalIdentifier, *externalIdentifier_);
-  if (const std::optional<std::string>& path = storedContentURL()) {
-    w.writeStringField(kContentURL, *path);
-  }
+  if (const std::string* path = storedContentURL()) w.writeStringField(kContentURL, *path);
   if (hasSearchResultDomain_) w.writeVarintField(kSearchResultDomain, searchResultDomain_);
   // The session's start time and sequence number travel only with its id,
   // right after it.
@@ -589,7 +580,7 @@ void KXSearchResult::copyTo(KXSearchResult& t) const {
   t.userActivityType_ = userActivityType_;
   t.bundleID_ = bundleID_;
   t.externalIdentifier_ = externalIdentifier_;
-  t.setContentURL(storedContentURL());
+  t.setContentURL(storedContentURLCopy());
   t.protectionClass_ = protectionClass_;
   if (hasSearchResultDomain_) t.setSearchResultDomain(searchResultDomain_);
   t.geoUserSessionIDString_ = geoUserSessionIDString_;
@@ -614,7 +605,7 @@ void KXSearchResult::copyFieldsForCopy(KXSearchResult& t) const {
   t.bundleID_ = bundleID_;
   t.protectionClass_ = protectionClass_;
   t.externalIdentifier_ = externalIdentifier_;
-  t.setContentURL(storedContentURL());
+  t.setContentURL(storedContentURLCopy());
   t.identifier_ = identifier_;
   t.url_ = url_;
   t.flags_ = flags_;

@@ -316,8 +316,19 @@ class KXSearchResult : public WireCodable {
     properties();
     return additionalProperties_;
   }
-  // The value tag 19 carries: the stored path or the cached computed one.
-  const std::optional<std::string>& storedContentURL() const;
+  // The value tag 19 carries: the stored path, else the cached computed one;
+  // null when there is neither.
+  const std::string* storedContentURL() const {
+    if (contentURL_) [[unlikely]]
+      return &*contentURL_;
+    if (contentURLComputed_.load(std::memory_order_acquire)) [[unlikely]]
+      return &*computedContentURL_;
+    return nullptr;
+  }
+  std::optional<std::string> storedContentURLCopy() const {
+    const std::string* path = storedContentURL();
+    return path ? std::optional<std::string>(*path) : std::nullopt;
+  }
   void writeAdditionalProperties(WireWriter& writer) const;
 
   std::optional<std::string> title_;

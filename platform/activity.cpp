@@ -6,6 +6,7 @@
 #include <unordered_map>
 
 #include "kx/log.h"
+#include "platform/service_slot.h"
 #include "platform/statistics.h"
 
 namespace kx {
@@ -49,20 +50,18 @@ class LoggingActivities final : public Activities {
   std::unordered_map<uint64_t, Open> open_;
 };
 
-std::mutex gSharedMu;
-std::shared_ptr<Activities> gShared;  // guarded by gSharedMu
+ServiceSlot<Activities>& Slot() {
+  static auto* slot = new ServiceSlot<Activities>(
+      [] { return std::shared_ptr<Activities>(std::make_shared<LoggingActivities>()); });
+  return *slot;
+}
 
 }  // namespace
 
-std::shared_ptr<Activities> Activities::Shared() {
-  std::lock_guard lock(gSharedMu);
-  if (!gShared) gShared = std::make_shared<LoggingActivities>();
-  return gShared;
-}
+std::shared_ptr<Activities> Activities::Shared() { return Slot().get(); }
 
 void Activities::SetShared(std::shared_ptr<Activities> activities) {
-  std::lock_guard lock(gSharedMu);
-  gShared = std::move(activities);
+  Slot().set(std::move(activities));
 }
 
 ActivityScope::ActivityScope(std::string_view name)

@@ -4,6 +4,7 @@
 #include "platform/notify.h"
 #include "platform/preferences.h"
 #include "platform/queue.h"
+#include "platform/service_slot.h"
 
 namespace kx {
 namespace {
@@ -64,20 +65,18 @@ class PreferenceRestrictionSettings final : public RestrictionSettings {
   std::shared_ptr<notify::Observation> observation_;
 };
 
-std::mutex gSharedMu;
-std::shared_ptr<RestrictionSettings> gShared;  // guarded by gSharedMu
+ServiceSlot<RestrictionSettings>& Slot() {
+  static auto* slot = new ServiceSlot<RestrictionSettings>(
+      [] { return std::shared_ptr<RestrictionSettings>(PreferenceRestrictionSettings::Create()); });
+  return *slot;
+}
 
 }  // namespace
 
-std::shared_ptr<RestrictionSettings> RestrictionSettings::Shared() {
-  std::lock_guard lock(gSharedMu);
-  if (!gShared) gShared = PreferenceRestrictionSettings::Create();
-  return gShared;
-}
+std::shared_ptr<RestrictionSettings> RestrictionSettings::Shared() { return Slot().get(); }
 
 void RestrictionSettings::SetShared(std::shared_ptr<RestrictionSettings> settings) {
-  std::lock_guard lock(gSharedMu);
-  gShared = std::move(settings);
+  Slot().set(std::move(settings));
 }
 
 void RestrictionSettings::addObserver(const std::shared_ptr<Observer>& observer) {

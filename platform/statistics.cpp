@@ -4,11 +4,16 @@
 
 #include <algorithm>
 
+#include "platform/service_slot.h"
+
 namespace kx {
 namespace {
 
-std::mutex gSharedMu;
-std::shared_ptr<Statistics> gShared;  // guarded by gSharedMu
+ServiceSlot<Statistics>& Slot() {
+  static auto* slot = new ServiceSlot<Statistics>(
+      [] { return std::shared_ptr<Statistics>(std::make_shared<InProcessStatistics>()); });
+  return *slot;
+}
 
 }  // namespace
 
@@ -18,15 +23,10 @@ uint64_t MonotonicNanoseconds() {
   return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
 }
 
-std::shared_ptr<Statistics> Statistics::Shared() {
-  std::lock_guard lock(gSharedMu);
-  if (!gShared) gShared = std::make_shared<InProcessStatistics>();
-  return gShared;
-}
+std::shared_ptr<Statistics> Statistics::Shared() { return Slot().get(); }
 
 void Statistics::SetShared(std::shared_ptr<Statistics> statistics) {
-  std::lock_guard lock(gSharedMu);
-  gShared = std::move(statistics);
+  Slot().set(std::move(statistics));
 }
 
 void Statistics::pushTimeIntervalSince(std::string_view key, uint64_t startStamp) {

@@ -1,0 +1,155 @@
+// Query latency: from startQuery to the token's delegate receiving a batch of
+// 100 results, with the test daemon (tests/test_daemon.cpp) under kx-launch
+// on the same machine. Every query crosses the message service twice
+// ("OpenQuery" out, "SearchResults" with its sealed region back) and the
+// daemon builds and serialises its batch each time.
+//
+// Two figures per query, both on CLOCK_MONOTONIC:
+//   delivered  startQuery called -> delegate called on its queue
+//   decoded    the same, through reading all 100 results into a section
+// A percentile distribution needs every sample, so this is a plain main
+// rather than a Google Benchmark fixture.
+//
+//   query_latency_bench [queries]   (default 2000, after 100 to warm up)
+#include <stdlib.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdio>
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "SearchDaemon/KXDaemonConnection.h"
+#include "model/KXSearchResultSection.h"
+#include "platform/child_process.h"
+#include "platform/message_socket.h"
+#include "transport/KXSearchResultDeserializer.h"
+
+namespace {
+
+uint64_t Now() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<uint64_t>(ts.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+// Stamps the first batch of each query and hands the stamps over.
+class StampingDelegate : public KXDaemonQueryDelegate {
+ public:
+  void searchDaemonQueryReset(const std::shared_ptr<KXDaemonQueryToken>&) override {}
+  void searchDaemonQuery(const std::shared_ptr<KXDaemonQueryToken>&,
+                         const std::shared_ptr<KXSearchResultDeserializer>& results) override {
+    const uint64_t delivered = Now();
+    size_t count = 0;
+    for (;;) {
+      KXSearchResultSection section;
+      if (!results->deserializeNextSection(&section)) break;
+      count += section.resultsCount();
+    }
+    const uint64_t decoded = Now();
+    std::lock_guard lock(mu_);
+    delivered_ = delivered;
+    decoded_ = decoded;
+    count_ = count;
+    cv_.notify_all();
+  }
+  void searchDaemonQueryCompleted(const std::shared_ptr<KXDaemonQueryToken>&) override {}
+  void searchDaemonQuery(const std::shared_ptr<KXDaemonQueryToken>&, const kx::Error&) override {}
+
+  // Waits for the batch; false after 10 seconds.
+  bool wait(uint64_t* delivered, uint64_t* decoded, size_t* count) {
+    std::unique_lock lock(mu_);
+    if (!cv_.wait_for(lock, std::chrono::seconds(10), [&] { return delivered_ != 0; })) return false;
+    *delivered = std::exchange(delivered_, 0);
+    *decoded = decoded_;
+    *count = count_;
+    return true;
+  }
+
+ private:
+  std::mutex mu_;
+  std::condition_variable cv_;
+  uint64_t delivered_ = 0;
+  uint64_t decoded_ = 0;
+  size_t count_ = 0;
+};
+
+double Percentile(std::vector<uint64_t> samples, double p) {
+  std::sort(samples.begin(), samples.end());
+  const size_t index = std::min(samples.size() - 1, static_cast<size_t>(p * samples.size()));
+  return static_cast<double>(samples[index]) / 1000.0;
+}
+
+void Report(const char* what, const std::vector<uint64_t>& samples) {
+  std::printf("%-10s median %8.1f us   p99 %8.1f us   min %8.1f us   max %8.1f us\n", what,
+              Percentile(samples, 0.5), Percentile(samples, 0.99), Percentile(samples, 0.0),
+              Percentile(samples, 1.0));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+#if !defined(KX_TEST_DAEMON) || !defined(KX_LAUNCH)
+  (void)argc;
+  (void)argv;
+  std::fprintf(stderr, "query_latency_bench needs the test daemon (build with tests)\n");
+  return 0;
+#else
+  const int queries = argc > 1 ? std::atoi(argv[1]) : 2000;
+  constexpr int kWarmUp = 100;
+
+  // A private service directory, so that the benchmark never meets a real
+  // daemon or a parallel run.
+  std::string root = (std::filesystem::temp_directory_path() / "kx-latency.XXXXXX").string();
+  if (!mkdtemp(root.data())) return 1;
+  setenv("XDG_RUNTIME_DIR", root.c_str(), 1);
+  setenv("KX_SERVICE_DIR", (root + "/services").c_str(), 1);
+  const std::string service = "latency";
+  std::optional<kx::ChildProcess> launcher = kx::ChildProcess::Spawn(
+      KX_LAUNCH, {"--name", service, "--", KX_TEST_DAEMON, "--service", service, "--log",
+                  root + "/received"});
+  if (!launcher) return 1;
+  const std::string socket = *kx::ServiceSocketPath(service);
+  while (access(socket.c_str(), F_OK) != 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+
+  auto connection = KXDaemonConnection::initWithDaemonName(service);
+  auto queue = kx::Queue::Create("bench.query");
+  auto delegate = std::make_shared<StampingDelegate>();
+  std::vector<uint64_t> delivered, decoded;
+  for (int i = 0; i < kWarmUp + queries; ++i) {
+    auto query = KXSearchQuery::initWithSearchString("results:2:100", "en_US", std::nullopt,
+                                                     std::nullopt);
+    std::shared_ptr<KXDaemonQueryToken> token;
+    const uint64_t start = Now();
+    queue->sync([&] {
+      token = connection->startQuery(query, kx::Value(), false, queue);
+      token->setDelegate(delegate);
+    });
+    uint64_t got = 0, read = 0;
+    size_t count = 0;
+    if (!delegate->wait(&got, &read, &count) || count != 100) {
+      std::fprintf(stderr, "query %d: no batch of 100 results (%zu)\n", i, count);
+      return 1;
+    }
+    connection->cancelQuery(token);
+    if (i < kWarmUp) continue;
+    delivered.push_back(got - start);
+    decoded.push_back(read - start);
+  }
+  std::printf("%d queries of one 100-result batch each\n", queries);
+  Report("delivered", delivered);
+  Report("decoded", decoded);
+
+  connection.reset();
+  launcher.reset();
+  std::filesystem::remove_all(root);
+  return 0;
+#endif
+}
