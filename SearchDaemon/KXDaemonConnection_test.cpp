@@ -4,11 +4,14 @@
 
 #include <fstream>
 #include <future>
+#include <mutex>
+#include <set>
 
 #include "SearchDaemon/daemon_testing.h"
 #include "feedback/KXFeedback.h"
 #include "kx/log.h"
 #include "model/KXSearchResult.h"
+#include "platform/activity.h"
 
 namespace kx {
 namespace {
@@ -37,9 +40,32 @@ T Await(const std::function<void(std::function<void(T)>)>& request) {
   auto promise = std::make_shared<std::promise<T>>();
   std::future<T> future = promise->get_future();
   request([promise](T value) { promise->set_value(std::move(value)); });
-  EXPECT_EQ(future.wait_for(kTimeout), std::future_status::ready);
+  if (future.wait_for(kTimeout) != std::future_status::ready) {
+    ADD_FAILURE() << "no answer";
+    return T{};
+  }
   return future.get();
 }
+
+// Records the names of the activities begun while it is installed.
+class RecordingActivities : public Activities {
+ public:
+  uint64_t begin(std::string_view name, uint64_t) override {
+    std::lock_guard lock(mu_);
+    names_.emplace(name);
+    return ++last_;
+  }
+  void end(uint64_t) override {}
+  std::multiset<std::string> names() {
+    std::lock_guard lock(mu_);
+    return names_;
+  }
+
+ private:
+  std::mutex mu_;
+  std::multiset<std::string> names_;
+  uint64_t last_ = 0;
+};
 
 // A client of the test daemon whose query delegates run on their own queues.
 struct DaemonClient {
@@ -108,6 +134,35 @@ TEST(KXDaemonConnectionTest, OpenQueryInfoBoxesEachNumberInItsWidth) {
   EXPECT_EQ(info.size(), 10u);
 }
 
+TEST(KXDaemonConnectionTest, RequestsAreTracedUnderTheirActivityNames) {
+  auto activities = std::make_shared<RecordingActivities>();
+  Activities::SetShared(activities);
+  // Nobody serves this name: every request fails, which tracing ignores.
+  auto connection = KXDaemonConnection::initWithDaemonName("nobody");
+  KXSearchResult result;
+  connection->activate();
+  connection->deactivate();
+  connection->preheat();
+  connection->retrieveFirstTimeExperienceTextWithReply(nullptr);
+  connection->requestVantleParametersWithReply(nullptr);
+  connection->sendFeedback(std::make_shared<KXFeedback>());
+  connection->retrieveImageDataForResult(result, 1, Size{}, nullptr);
+  connection->retrieveImageDataWithIdentifier("x", 1, Size{}, nullptr);
+  connection->fetchCardDataForResult(result, nullptr);
+  connection->cancelQuery(connection->startQuery(KXSearchQuery::initWithSearchString("q"),
+                                                 Value(), false, Queue::Create("test.query")));
+  // The background requests share the request queue.
+  connection->queue()->sync([] {});
+  Activities::SetShared(nullptr);
+  EXPECT_EQ(activities->names(),
+            (std::multiset<std::string>{"activation", "deactivation", "preheat", "fte",
+                                        "vantleparams", "fetchCardDataForResult",
+                                        "fetchCardDataForResult",
+                                        "retrieveImageDataForResultIdentifierNumber",
+                                        "retrieveImageDataWithIdentifier", "query",
+                                        "queryCancel"}));
+}
+
 TEST(KXDaemonConnectionTest, AQueryReceivesItsBatchesAsSectionsThenCompletes) {
   TestDaemon daemon;
   DaemonClient client(daemon);
@@ -166,6 +221,8 @@ TEST(KXDaemonConnectionTest, MessagesForOtherOrMissingQueryIdsChangeNothingAndLe
 
 TEST(KXDaemonConnectionTest, AnInterruptionResendsEachUnfinishedQueryOnce) {
   setKXLogLevel(7);
+  const char* kResending = "=====^^^^ Resending query!";
+  const size_t resentBefore = LoggedCount(kResending);
   TestDaemon daemon;
   DaemonClient client(daemon);
   DaemonClient::Query finished = client.start("results:1:1 complete");
@@ -188,7 +245,7 @@ TEST(KXDaemonConnectionTest, AnInterruptionResendsEachUnfinishedQueryOnce) {
     EXPECT_EQ(opens[1].keys, Keys({"QID", "DA", "BA", "QS", "KL", "KPL", "QC", "FC"}));
   }
   EXPECT_EQ(OpensOf(daemon, *finished.token).size(), 1u);
-  EXPECT_EQ(LoggedCount("=====^^^^ Resending query!"), 3u);
+  EXPECT_EQ(LoggedCount(kResending) - resentBefore, 3u);
 
   // A second interruption while they run re-sends nothing. A request that
   // is answered shows the client has reconnected; flushing the tokens'
@@ -208,7 +265,7 @@ TEST(KXDaemonConnectionTest, AnInterruptionResendsEachUnfinishedQueryOnce) {
   EXPECT_EQ(OpensOf(daemon, *a.token).size(), 2u);
   EXPECT_EQ(OpensOf(daemon, *b.token).size(), 2u);
   EXPECT_EQ(a.delegate->events.size(), 3u);
-  EXPECT_EQ(LoggedCount("=====^^^^ Resending query!"), 3u);
+  EXPECT_EQ(LoggedCount(kResending) - resentBefore, 3u);
 
   // Once the table has emptied, the next interruption re-sends again.
   for (const auto* q : {&finished, &a, &b}) client.connection->cancelQuery(q->token);
@@ -222,6 +279,8 @@ TEST(KXDaemonConnectionTest, AgainstASilentDaemonTheUpdateListTimesOutAndRegistr
   setKXLogLevel(7);
   TestDaemon daemon({"--silent"});
   DaemonClient client(daemon);
+  const char* kTimedOut = "retrieve updates: no  (timedout)";
+  const size_t timedOutBefore = LoggedCount(kTimedOut);
   bool hasUpdates = true;
   const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(client.connection->retrieveUpdateListForDisplayIdentifier("updates.notes", "notes",
@@ -230,7 +289,7 @@ TEST(KXDaemonConnectionTest, AgainstASilentDaemonTheUpdateListTimesOutAndRegistr
   EXPECT_FALSE(hasUpdates);
   EXPECT_GE(waited, std::chrono::milliseconds(4990));
   EXPECT_LT(waited, std::chrono::milliseconds(6500));
-  EXPECT_EQ(LoggedCount("retrieve updates: no  (timedout)"), 1u);
+  EXPECT_EQ(LoggedCount(kTimedOut) - timedOutBefore, 1u);
 
   client.connection->registerApplication("com.example.notes", {"notes"});
   client.connection->preheat();

@@ -22,7 +22,7 @@ Dictionary ForQuery(uint32_t id, Dictionary more = {}) {
   return more;
 }
 
-struct TokenTest : ::testing::Test {
+struct KXDaemonQueryTokenTest : ::testing::Test {
   std::shared_ptr<Queue> queue = Queue::Create("test.token");
   std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>(queue);
   std::shared_ptr<KXDaemonQueryToken> token =
@@ -33,7 +33,7 @@ struct TokenTest : ::testing::Test {
   void Flush() { queue->sync([] {}); }
 };
 
-TEST_F(TokenTest, TokensTakeConsecutiveIdsAndCopyToThemselves) {
+TEST_F(KXDaemonQueryTokenTest, TokensTakeConsecutiveIdsAndCopyToThemselves) {
   auto next = KXDaemonQueryToken::initWithQuery(token->query());
   EXPECT_EQ(next->queryID(), token->queryID() + 1);
   EXPECT_EQ(next->queue(), Queue::Main());
@@ -41,7 +41,7 @@ TEST_F(TokenTest, TokensTakeConsecutiveIdsAndCopyToThemselves) {
   EXPECT_EQ(token->query()->searchString(), "mail");
 }
 
-TEST_F(TokenTest, MessagesForAnotherOrAMissingIdChangeNothing) {
+TEST_F(KXDaemonQueryTokenTest, MessagesForAnotherOrAMissingIdChangeNothing) {
   const uint32_t other = token->queryID() + 1;
   for (const char* name : {"SearchResults", "SearchReset", "SearchComplete", "SearchError"}) {
     token->handleMessage(DaemonMessage(name, ForQuery(other, {{"FBQ", "x"}})));
@@ -56,7 +56,7 @@ TEST_F(TokenTest, MessagesForAnotherOrAMissingIdChangeNothing) {
   EXPECT_EQ(token->fbq(), std::nullopt);
 }
 
-TEST_F(TokenTest, EventsReachTheDelegateOnItsQueueInArrivalOrder) {
+TEST_F(KXDaemonQueryTokenTest, EventsReachTheDelegateOnItsQueueInArrivalOrder) {
   const uint32_t id = token->queryID();
   token->handleMessage(DaemonMessage("SearchReset", ForQuery(id)));
   // A batch without a region reads as no sections.
@@ -80,7 +80,7 @@ TEST_F(TokenTest, EventsReachTheDelegateOnItsQueueInArrivalOrder) {
   EXPECT_EQ(token->web_fbq(), std::nullopt);
 }
 
-TEST_F(TokenTest, TheDelegateIsFetchedWhenTheCallRuns) {
+TEST_F(KXDaemonQueryTokenTest, TheDelegateIsFetchedWhenTheCallRuns) {
   auto replacement = std::make_shared<RecordingDelegate>(queue);
   const uint32_t id = token->queryID();
   // Held up on the token's queue, the delegate changes before the calls run.

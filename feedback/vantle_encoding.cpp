@@ -305,6 +305,8 @@ std::shared_ptr<VNTFeedback> KXFeedbackEngagement::vantleFeedbackFromSession(
   engagement->setVntAppShortVersion(result.appShortVersion());
   engagement->setLocal_result(ResultString(result));
   engagement->setVntActivityBundleID(result.activitybundleID());
+  // Only a hash of the application's own identifier leaves the device; an
+  // absent identifier stays absent rather than becoming the hash of nothing.
   if (result.activityIdentifier()) {
     engagement->setVntActivityIdentifier(sha1(*result.activityIdentifier()));
   }

@@ -71,8 +71,21 @@ class WireReader {
     }
     return readVarintSlow();
   }
-  // A field key: (field number << 3) | wire type.
-  uint64_t readKey() { return readVarint(); }
+  // A field key: (field number << 3) | wire type. An end-group key also
+  // records where it ends (see endGroupEnd).
+  uint64_t readKey() {
+    uint64_t key = readVarint();
+    if (WireTypeOfKey(key) == WireType::EndGroup) [[unlikely]]
+      endGroupEnd_ = pos_;
+    return key;
+  }
+  // The position just after the last end-group key that readKey read at the
+  // current nesting level, or kNoEndGroup. recallMark forgets keys read
+  // inside the nested message, so a record reader that stopped at the
+  // current position because of an end-group key (and not because the data
+  // ran out) is told by endGroupEnd() == position().
+  size_t endGroupEnd() const { return endGroupEnd_; }
+  static constexpr size_t kNoEndGroup = SIZE_MAX;
   static WireType WireTypeOfKey(uint64_t key) { return static_cast<WireType>(key & 7); }
 
   // Integer fields take the varint's low bits, as the wire format prescribes
@@ -182,6 +195,7 @@ class WireReader {
   void recallMark(const WireReaderMark& mark) {
     pos_ = mark.end;
     length_ = mark.outerLength;
+    endGroupEnd_ = kNoEndGroup;
   }
 
   static constexpr size_t kMaxVarintBytes = 10;
@@ -195,6 +209,7 @@ class WireReader {
     length_ = bytes ? length : 0;
     pos_ = 0;
     error_ = false;
+    endGroupEnd_ = kNoEndGroup;
   }
 
  private:
@@ -237,5 +252,6 @@ class WireReader {
   const uint8_t* bytes_ = nullptr;
   size_t length_ = 0;
   size_t pos_ = 0;
+  size_t endGroupEnd_ = kNoEndGroup;
   bool error_ = false;
 };

@@ -16,13 +16,6 @@ namespace {
 constexpr const char kNullSectionPointer[] =
     "Must have valid pointer to an KXSearchResultSection";
 
-// The section's field numbers by declared type: 1 (domain) and 6 (flags)
-// are varints, 2 to 5 and 7 to 9 length-delimited (strings, nested results,
-// the hidden-results archive).
-constexpr uint64_t kDomainField = 1;
-constexpr uint64_t kFlagsField = 6;
-constexpr uint64_t kLastField = 9;
-
 }  // namespace
 
 KXSearchResultDeserializer::KXSearchResultDeserializer(const uint8_t* bytes, size_t length,
@@ -88,50 +81,24 @@ KXSearchResultDeserializer::~KXSearchResultDeserializer() {
 bool KXSearchResultDeserializer::deserializeNextSection(KXSearchResultSection* section) {
   KX_ASSERT(section != nullptr, kNullSectionPointer);
   if (!section || !hasMoreData()) return false;
-  const size_t start = position();
-  return finishSection(start, section->readFrom(*this));
+  return finishSection(section->readFrom(*this));
 }
 
 bool KXSearchResultDeserializer::deserializeNextDomain(uint32_t* domain) {
   KX_ASSERT(domain != nullptr, kNullSectionPointer);
   if (!domain || !hasMoreData()) return false;
-  const size_t start = position();
-  return finishSection(start, KXSearchResultSectionReadDomainFrom(domain, *this));
+  return finishSection(KXSearchResultSectionReadDomainFrom(domain, *this));
 }
 
-bool KXSearchResultDeserializer::finishSection(size_t start, bool decoded) {
+bool KXSearchResultDeserializer::finishSection(bool decoded) {
   // A section reader stops at its end mark or at the end of the bytes, and
-  // reports success either way. Only a section that took the region's last
-  // byte can have stopped without its mark: a region cut right after a
-  // complete field.
-  if (decoded && position() == regionLength_ && !EndsWithMark(bytes() + start, regionLength_ - start))
-    decoded = false;
+  // reports success either way. Only the end mark makes a section whole: a
+  // section that ran into the end of the region without one was cut (right
+  // after a complete field, or it would have failed).
+  if (decoded && endGroupEnd() != position()) decoded = false;
   // After a failure the position is meaningless (the reader may still be
   // confined to a nested record); the error flag makes every further call
   // fail.
   if (!decoded) setError();
   return decoded;
-}
-
-bool KXSearchResultDeserializer::EndsWithMark(const uint8_t* section, size_t length) {
-  // Walks the section's top-level fields the way the section reader does
-  // (known fields by their declared type, whatever the wire says; nested
-  // results by their length, without entering them) until a key of wire
-  // type 4.
-  WireReader reader(section, length);
-  while (reader.hasMoreData()) {
-    const uint64_t key = reader.readKey();
-    if (reader.hasError()) return false;
-    if (WireReader::WireTypeOfKey(key) == WireType::EndGroup) return !reader.hasMoreData();
-    const uint64_t field = (key >> 3) & 0xFFFF;
-    if (field == kDomainField || field == kFlagsField) {
-      reader.readVarint();
-    } else if (field >= 1 && field <= kLastField) {
-      reader.readDataView();
-    } else if (!reader.skipField(key)) {
-      return false;
-    }
-    if (reader.hasError()) return false;
-  }
-  return false;
 }

@@ -77,11 +77,8 @@ class KXSearchResultDeserializer : public WireReader, public kx::Object {
   // Logs the creation line and builds the reader.
   static std::shared_ptr<KXSearchResultDeserializer> Make(void* address, size_t length,
                                                           Ownership ownership);
-  // The verdict on the section that began at `start`, given its reader's.
-  bool finishSection(size_t start, bool decoded);
-  // True when the section's top-level fields in [section, section+length)
-  // end with a key of wire type 4 that takes the last byte.
-  static bool EndsWithMark(const uint8_t* section, size_t length);
+  // The verdict on the section just read, given its reader's.
+  bool finishSection(bool decoded);
 
   const uint64_t byteVector_;
   // The region's full length: length() shrinks while a mark is placed, and a
