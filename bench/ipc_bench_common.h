@@ -27,6 +27,9 @@ namespace ipcbench {
 
 inline constexpr const char* kPingName = "Ping";
 inline constexpr const char* kRegionName = "Region";
+// Name only, answered with an empty reply: the message layer without the
+// info codec.
+inline constexpr const char* kNoInfoName = "NoInfo";
 inline constexpr const char* kQidKey = "QID";
 inline constexpr const char* kQueryKey = "query";
 inline constexpr const char* kStableKey = "stable";

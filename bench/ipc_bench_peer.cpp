@@ -2,8 +2,9 @@
 // contender, pinned to one CPU before it starts any thread:
 //
 //   ipc_bench_peer <cpu> dpq <service> <stride>
-//       KXDPQServer answering "Ping" (echoes the QID) and "Region" (touches
-//       the received region every <stride> bytes and answers the sum).
+//       KXDPQServer answering "Ping" (echoes the QID), "NoInfo" (empty
+//       reply) and "Region" (touches the received region every <stride>
+//       bytes and answers the sum).
 //   ipc_bench_peer <cpu> raw <socket path> <reply bytes> <stride>
 //       Bare SOCK_SEQPACKET: answers a datagram without descriptor with
 //       <reply bytes> bytes; maps a datagram's memfd, touches it and answers
@@ -33,6 +34,11 @@ int ServeDpq(const char* service, size_t stride) {
       ipcbench::kPingName,
       [](const std::shared_ptr<KXDPQConnection>&, const std::shared_ptr<KXDPQMessage>& message) {
         message->sendReply(ipcbench::ReplyInfo(ipcbench::QidOf(message->info())));
+      });
+  server->setHandlerForMessageName(
+      ipcbench::kNoInfoName,
+      [](const std::shared_ptr<KXDPQConnection>&, const std::shared_ptr<KXDPQMessage>& message) {
+        message->sendReply();
       });
   server->setHandlerForMessageName(
       ipcbench::kRegionName,

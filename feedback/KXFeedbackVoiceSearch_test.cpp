@@ -7,28 +7,6 @@
 namespace kx::test {
 namespace {
 
-TEST(KXFeedbackVoiceSearchTest, SurvivesTheArchive) {
-  auto record = KXFeedbackVoiceSearch::feedback();
-  FillFeedbackFields(*record);
-  record->setVoiceIdentifier("voice-1");
-  record->setHeaders(MakeDictionary({{"X-Id", "7"}}));
-  record->addSpeechResult("hel", false, 1.0, 1, 2);
-  record->dictationStoppedReason("done", 9.0);
-  record->setSpeechDetectedTime(2.0);
-  record->setDictationStartTime(3.0);
-  record->setMicButtonStopTime(4.0);
-  record->setDoneButtonTime(5.0);
-  EXPECT_EQ(ArchivedKeys(ArchiveOf(record), "KXFeedbackVoiceSearch"),
-            FeedbackKeys({"voiceIdentifier", "headers", "speechResults", "dictationStopReason",
-                          "speechDetectedTime", "dictationStartTime", "dictationStopTime",
-                          "micButtonStartTime", "micButtonStopTime", "doneButtonTime"}));
-  auto restored = RoundTrip(record);
-  ASSERT_NE(restored, nullptr);
-  EXPECT_EQ(restored->dictationStopTime(), 9.0);
-  EXPECT_EQ(restored->micButtonStartTime(), record->timestamp());
-  EXPECT_EQ(restored->headers(), record->headers());
-}
-
 TEST(KXFeedbackVoiceSearchTest, SpeechResultsGrowAndSetTheInput) {
   auto record = KXFeedbackVoiceSearch::feedback();
   EXPECT_EQ(record->micButtonStartTime(), record->timestamp());

@@ -87,8 +87,9 @@ inline std::set<std::string> FeedbackKeys(std::set<std::string> own = {}) {
   return keys;
 }
 
-// Sets every archived field of `record` to a distinct, non-default value;
-// the unsigned numbers use their top bit.
+// Sets every archived field of `record` to a distinct, non-default value
+// (the unsigned numbers use their top bit); `results` holds one fully set
+// KXFeedbackResult and one null entry.
 inline void FillFeedbackFields(KXFeedback& record) {
   record.setDomain(0x80000003u);
   record.setIdentifier("42");
@@ -97,9 +98,26 @@ inline void FillFeedbackFields(KXFeedback& record) {
   record.setProtectionClass("classA");
   record.setInput("pizza");
   auto result = std::make_shared<KXFeedbackResult>();
-  result->setDomain(3);
+  result->setDomain(0xFFFFFFFEu);
+  result->setFlags(-5);
+  result->setTopHit(true);
   result->setFbr("fbr-1");
-  record.setResults(KXFeedback::ResultList{result});
+  result->setActivityIdentifier("activity-1");
+  result->setActivityRequiredString("required");
+  result->setActivitySecondaryString("secondary");
+  result->setActivitybundleID("a.b");
+  result->setActivityTitle("title");
+  result->setActivityData(Value::Bytes{0, 1, 2});
+  result->setActivityType("type");
+  result->setActivityIsPublic(true);
+  result->setHasAssociatedUserActivity(true);
+  result->setLastSearchQuery("last");
+  result->setUrl("https://x.example/");
+  // Never archived: they exist only in the process that builds the record.
+  result->setAttributes(MakeDictionary({{"kZRItemTitle", "t"}}));
+  result->setThumbnailData(Value::Bytes{7});
+  result->setAppShortVersion("1.2");
+  record.setResults(KXFeedback::ResultList{result, nullptr});
   record.setFbq("fbq-1");
   record.setWeb_fbq("web-fbq-1");
   record.setPredictionIdentifier("prediction-1");

@@ -2,12 +2,11 @@
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 #include <mutex>
 
 #include "kx/file_identifier_url.h"
 #include "kx/log.h"
-#include "model/record_keys.h"
+#include "model/record_fields.h"
 #include "support/secure_archiving.h"
 
 namespace {
@@ -82,25 +81,7 @@ std::mutex& LazyFillMutex() {
   return mutex;
 }
 
-// A string field as the reader yields it: absent when the read failed,
-// otherwise the bytes, reusing the field's buffer.
-void ReadStringField(WireReader& reader, std::optional<std::string>& field) {
-  std::string_view v = reader.readStringView();
-  if (reader.hasError()) {
-    field.reset();
-  } else if (field) {
-    field->assign(v);
-  } else {
-    field.emplace(v);
-  }
-}
-
-size_t HashString(const std::optional<std::string>& s) {
-  return s ? std::hash<std::string_view>()(*s) : 0;
-}
-
 }  // namespace
-
 
 // ---------------------------------------------------------------------------
 // Additional properties
@@ -275,16 +256,16 @@ bool KXSearchResultReadFrom(KXSearchResult& r, WireReader& reader) {
   uint64_t key;
   while (kx::NextRecordKey(reader, &key)) {
     switch (kx::RecordFieldNumber(key)) {
-      case kTitle: ReadStringField(reader, r.title_); break;
-      case kSubtitle: ReadStringField(reader, r.subtitle_); break;
-      case kSummary: ReadStringField(reader, r.summary_); break;
-      case kAuxiliaryTitle: ReadStringField(reader, r.auxiliaryTitle_); break;
-      case kAuxiliarySubtitle: ReadStringField(reader, r.auxiliarySubtitle_); break;
+      case kTitle: kx::ReadStringField(reader, r.title_); break;
+      case kSubtitle: kx::ReadStringField(reader, r.subtitle_); break;
+      case kSummary: kx::ReadStringField(reader, r.summary_); break;
+      case kAuxiliaryTitle: kx::ReadStringField(reader, r.auxiliaryTitle_); break;
+      case kAuxiliarySubtitle: kx::ReadStringField(reader, r.auxiliarySubtitle_); break;
       case kIdentifier:
         r.has_ |= KXSearchResult::kHasIdentifier;
         r.identifier_ = reader.readUInt64();
         break;
-      case kUrl: ReadStringField(reader, r.url_); break;
+      case kUrl: kx::ReadStringField(reader, r.url_); break;
       case kFlags:
         r.has_ |= KXSearchResult::kHasFlags;
         r.flags_ = reader.readInt32();
@@ -294,13 +275,13 @@ bool KXSearchResultReadFrom(KXSearchResult& r, WireReader& reader) {
         r.numberOfSummaryLines_ = reader.readUInt32();
         break;
       case kAdditionalPropertyDict: r.takeArchivedProperties(reader.readDataView()); break;
-      case kPredictionIdentifier: ReadStringField(reader, r.predictionIdentifier_); break;
-      case kUserActivityType: ReadStringField(reader, r.userActivityType_); break;
+      case kPredictionIdentifier: kx::ReadStringField(reader, r.predictionIdentifier_); break;
+      case kUserActivityType: kx::ReadStringField(reader, r.userActivityType_); break;
       case kUserActivityRequiredString:
-        ReadStringField(reader, r.userActivityRequiredString_);
+        kx::ReadStringField(reader, r.userActivityRequiredString_);
         break;
       case kUserActivitySecondaryString:
-        ReadStringField(reader, r.userActivitySecondaryString_);
+        kx::ReadStringField(reader, r.userActivitySecondaryString_);
         break;
       case kUserActivityData: {
         std::span<const uint8_t> d = reader.readDataView();
@@ -311,11 +292,11 @@ bool KXSearchResultReadFrom(KXSearchResult& r, WireReader& reader) {
         }
         break;
       }
-      case kBundleID: ReadStringField(reader, r.bundleID_); break;
-      case kExternalIdentifier: ReadStringField(reader, r.externalIdentifier_); break;
+      case kBundleID: kx::ReadStringField(reader, r.bundleID_); break;
+      case kExternalIdentifier: kx::ReadStringField(reader, r.externalIdentifier_); break;
       case kContentURL: {
         std::optional<std::string> path = std::move(r.contentURL_);
-        ReadStringField(reader, path);
+        kx::ReadStringField(reader, path);
         r.setContentURL(std::move(path));
         break;
       }
@@ -323,7 +304,7 @@ bool KXSearchResultReadFrom(KXSearchResult& r, WireReader& reader) {
         r.hasSearchResultDomain_ = true;
         r.searchResultDomain_ = reader.readUInt32();
         break;
-      case kGeoUserSessionIDString: ReadStringField(reader, r.geoUserSessionIDString_); break;
+      case kGeoUserSessionIDString: kx::ReadStringField(reader, r.geoUserSessionIDString_); break;
       case kGeoUserSessionStartTime: r.geoUserSessionStartTime_ = reader.readDouble(); break;
       case kGeoUserSessionSequenceNumber:
         r.geoUserSessionSequenceNumber_ = reader.readUInt32();
@@ -333,7 +314,7 @@ bool KXSearchResultReadFrom(KXSearchResult& r, WireReader& reader) {
         break;
       case kTopHit: r.topHit_ = reader.readBool(); break;
       case kScore: r.score_ = reader.readUInt64(); break;
-      case kProtectionClass: ReadStringField(reader, r.protectionClass_); break;
+      case kProtectionClass: kx::ReadStringField(reader, r.protectionClass_); break;
       case kContactIdentifiers: {
         std::string_view v = reader.readStringView();
         if (!reader.hasError()) contacts.emplace_back(v);
@@ -501,7 +482,7 @@ bool KXSearchResult::isEqual(const kx::Object& other) const {
 
 size_t KXSearchResult::hash() const {
   uint64_t h = (has_ & kHasIdentifier) ? identifier_ * uint64_t{0x9e3779b1} : 0;
-  return static_cast<size_t>(h) ^ HashString(url_);
+  return static_cast<size_t>(h) ^ kx::HashOptionalString(url_);
 }
 
 kx::Dictionary KXSearchResult::dictionaryRepresentation() const {
@@ -535,7 +516,8 @@ kx::Dictionary KXSearchResult::dictionaryRepresentation() const {
   putString("protectionClass", protectionClass_);
   putString("contentURL", contentURL());
   if (hasSearchResultDomain_) {
-    d.emplace("searchResultDomain", Value(Number::Int32(static_cast<int32_t>(searchResultDomain_))));
+    const auto domain = static_cast<int32_t>(searchResultDomain_);
+    d.emplace("searchResultDomain", Value(Number::Int32(domain)));
   }
   if (contactIdentifiers_) {
     kx::Array contacts(contactIdentifiers_->begin(), contactIdentifiers_->end());

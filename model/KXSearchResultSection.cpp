@@ -1,12 +1,9 @@
 #include "model/KXSearchResultSection.h"
 
-#include <functional>
 #include <typeinfo>
 
-#include "kx/exception.h"
-#include "kx/format.h"
 #include "kx/log.h"
-#include "model/record_keys.h"
+#include "model/record_fields.h"
 #include "support/keyed_archiver.h"
 #include "support/keyed_unarchiver.h"
 
@@ -23,22 +20,6 @@ enum Tag : uint32_t {
   kHiddenExtResults = 8,
   kResultSetIdentifier = 9,
 };
-
-// See the result reader: a failed read leaves the field absent.
-void ReadStringField(WireReader& reader, std::optional<std::string>& field) {
-  std::string_view v = reader.readStringView();
-  if (reader.hasError()) {
-    field.reset();
-  } else if (field) {
-    field->assign(v);
-  } else {
-    field.emplace(v);
-  }
-}
-
-size_t HashString(const std::optional<std::string>& s) {
-  return s ? std::hash<std::string_view>()(*s) : 0;
-}
 
 }  // namespace
 
@@ -129,10 +110,10 @@ bool KXSearchResultSectionReadFrom(KXSearchResultSection& s, WireReader& reader)
         s.has_ |= KXSearchResultSection::kHasDomain;
         s.domain_ = reader.readUInt32();
         break;
-      case kIcon: ReadStringField(reader, s.icon_); break;
-      case kDisplayIdentifier: ReadStringField(reader, s.displayIdentifier_); break;
-      case kCategory: ReadStringField(reader, s.category_); break;
-      case kScheme: ReadStringField(reader, s.scheme_); break;
+      case kIcon: kx::ReadStringField(reader, s.icon_); break;
+      case kDisplayIdentifier: kx::ReadStringField(reader, s.displayIdentifier_); break;
+      case kCategory: kx::ReadStringField(reader, s.category_); break;
+      case kScheme: kx::ReadStringField(reader, s.scheme_); break;
       case kFlags:
         s.has_ |= KXSearchResultSection::kHasFlags;
         s.flags_ = reader.readInt32();
@@ -161,7 +142,7 @@ bool KXSearchResultSectionReadFrom(KXSearchResultSection& s, WireReader& reader)
         }
         break;
       }
-      case kResultSetIdentifier: ReadStringField(reader, s.resultSetIdentifier_); break;
+      case kResultSetIdentifier: kx::ReadStringField(reader, s.resultSetIdentifier_); break;
       default:  // 0 and numbers beyond 9
         if (!reader.skipField(key)) return false;
         break;
@@ -257,8 +238,8 @@ bool KXSearchResultSection::isEqual(const kx::Object& other) const {
 
 size_t KXSearchResultSection::hash() const {
   uint64_t h = (has_ & kHasDomain) ? uint64_t{domain_} * uint64_t{0x9e3779b1} : 0;
-  h ^= HashString(icon_) ^ HashString(displayIdentifier_) ^ HashString(category_) ^
-       HashString(scheme_);
+  h ^= kx::HashOptionalString(icon_) ^ kx::HashOptionalString(displayIdentifier_) ^ kx::HashOptionalString(category_) ^
+       kx::HashOptionalString(scheme_);
   if (has_ & kHasFlags) h ^= static_cast<uint64_t>(int64_t{flags_}) * uint64_t{2654435761};
   if (resultSet_) h ^= resultSet_->hash();
   if (hiddenExtResults_) h ^= kx::Value(*hiddenExtResults_).hash();

@@ -71,20 +71,5 @@ TEST(ResultSetTest, InsertAndRemoveKeepOrderAndLookups) {
   EXPECT_TRUE(set.add(all[0]));
 }
 
-TEST(ResultSetTest, EqualityIsPositionalAndTheHashIsTheCount) {
-  ResultSet a, b;
-  a.add(Result(1, "e"));
-  a.add(Result(2, "f"));
-  b.add(Result(3, "e"));  // equal to a's first by external identity
-  EXPECT_FALSE(a.isEqual(b));
-  b.add(Result(4, "f"));
-  EXPECT_TRUE(a.isEqual(b));
-  EXPECT_EQ(a.hash(), b.hash());
-  ResultSet c;
-  c.add(b.at(1));
-  c.add(b.at(0));
-  EXPECT_FALSE(a.isEqual(c));
-}
-
 }  // namespace
 }  // namespace kx

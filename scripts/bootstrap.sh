@@ -9,7 +9,7 @@ packages=(
   libasio-dev libicu-dev icu-devtools libplist-dev libssl-dev
   nlohmann-json3-dev libsqlite3-dev
   libprotobuf-dev protobuf-compiler
-  libsystemd-dev dbus
+  libsystemd-dev dbus dbus-daemon util-linux
   clang-14 libclang-rt-14-dev
   attr
 )
