@@ -190,17 +190,21 @@ void KXDaemonConnection::handleMessage(const std::shared_ptr<KXDPQMessage>& mess
 
 void KXDaemonConnection::_sendMessage(std::string name, kx::Value info, InfoReply reply) {
   connectionQueue_->async([connection = self(), name = std::move(name), info = std::move(info),
-                           reply = std::move(reply)] {
+                           reply = std::move(reply)]() mutable {
     std::shared_ptr<KXDPQMessage> message = KXDPQMessage::initWithName(name);
-    message->setInfo(info);
-    if (!reply) {
+    message->setInfo(std::move(info));
+    if (reply) {
+      connection->_connection()->sendMessage(
+          message, [reply = std::move(reply)](const std::shared_ptr<KXDPQMessage>& answer) {
+            reply(answer ? answer->info() : kx::Value());
+          });
+    } else {
       connection->_connection()->sendMessage(message);
-      return;
     }
-    connection->_connection()->sendMessage(
-        message, [reply](const std::shared_ptr<KXDPQMessage>& answer) {
-          reply(answer ? answer->info() : kx::Value());
-        });
+    // Let go inside the job: a queue drops a job's captures after the job
+    // has stopped counting as running on it, and a destructor run from
+    // there would wait for the very queue its thread still holds.
+    connection.reset();
   });
 }
 

@@ -265,8 +265,10 @@ class KXSearchResult : public WireCodable {
   // to isEqual: hashed containers keep two equal results that hash apart.
   size_t hash() const override;
 
-  // Keys as documented in the .cpp; topHit, scores and the in-memory fields
-  // never appear. May compute and cache contentURL.
+  // The present fields under their own names ("additionalProperties" for a
+  // non-empty dictionary); the two activity booleans always, as Int32 0 or 1.
+  // topHit, score, the scores and the in-memory fields never appear. May
+  // compute and cache contentURL.
   kx::Dictionary dictionaryRepresentation() const;
   // "<KXSearchResult: 0x...> " followed by dictionaryRepresentation.
   std::string description() const override;
