@@ -130,7 +130,7 @@ class KXDaemonConnection : public kx::Object {
                                           const std::vector<std::string>& identifiers);
   void endRecordUpdatesForApplication(const std::string& displayIdentifier,
                                       const std::string& category);
-  // Sends nothing: the daemon learns applications from their records.
+  // Sends nothing and keeps nothing.
   void registerApplication(const std::string& displayIdentifier,
                            const std::vector<std::string>& categories);
   // Archives `record` (any archivable record, normally a KXFeedback) with

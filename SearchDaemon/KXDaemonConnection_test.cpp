@@ -119,13 +119,12 @@ TEST(KXDaemonConnectionTest, OpenQueryInfoBoxesEachNumberInItsWidth) {
   const Dictionary info =
       KXDaemonConnection::OpenQueryInfo(*token, MakeDictionary({{"k", "v"}}), true);
   auto type = [&](const char* key) { return info.at(key).number()->type(); };
-  EXPECT_EQ(type("QID"), Number::Type::UInt32);
-  EXPECT_EQ(info.at("QID").number()->uint32Value(), token->queryID());
-  EXPECT_EQ(type("QC"), Number::Type::Int64);
-  EXPECT_EQ(type("FC"), Number::Type::Int64);
-  EXPECT_EQ(info.at("FC").number()->int64Value(), -2);
-  EXPECT_EQ(type("DS"), Number::Type::Bool);
+  EXPECT_EQ(info.at("QID"), Value(Number::UInt32(token->queryID())));
+  EXPECT_EQ(info.at("FC"), Value(Number::Int64(-2)));
   EXPECT_TRUE(info.at("IQ").number()->boolValue());
+  const std::vector<Number::Type> types = {type("QID"), type("QC"), type("FC"), type("DS")};
+  EXPECT_EQ(types, (std::vector<Number::Type>{Number::Type::UInt32, Number::Type::Int64,
+                                              Number::Type::Int64, Number::Type::Bool}));
   EXPECT_EQ(info.at("DA"), Value(Array{Number::UInt32(3)}));
   // Missing languages travel as empty strings; missing bundles not at all.
   EXPECT_EQ(info.at("KL"), Value(""));
@@ -163,11 +162,12 @@ TEST(KXDaemonConnectionTest, RequestsAreTracedUnderTheirActivityNames) {
                                         "queryCancel"}));
 }
 
-TEST(KXDaemonConnectionTest, AQueryReceivesItsBatchesAsSectionsThenCompletes) {
+TEST(KXDaemonConnectionTest, AQueryReceivesItsBatchesAndErrorsThenCompletes) {
   TestDaemon daemon;
   DaemonClient client(daemon);
-  DaemonClient::Query query = client.start("results:2:3 results:4:1 complete:F1:W1");
-  EXPECT_EQ(query.events(3), (Events{"results 2:3", "results 4:1", "complete"}));
+  DaemonClient::Query query = client.start("results:2:3 error:7 results:4:1 complete:F1:W1");
+  EXPECT_EQ(query.events(4),
+            (Events{"results 2:3", "error SearchError 7", "results 4:1", "complete"}));
   EXPECT_EQ(query.delegate->offQueue, 0);
   EXPECT_TRUE(query.token->queryFinished());
   EXPECT_EQ(query.token->fbq(), "F1");
@@ -195,15 +195,6 @@ TEST(KXDaemonConnectionTest, AQueryReceivesItsBatchesAsSectionsThenCompletes) {
   ASSERT_EQ(closes.size(), 1u);
   EXPECT_NE(closes[0].details.find("QID = " + std::to_string(query.token->queryID()) + ";"),
             std::string::npos);
-}
-
-TEST(KXDaemonConnectionTest, ResetsAndErrorsArriveInOrderAndLeaveTheQueryOpen) {
-  TestDaemon daemon;
-  DaemonClient client(daemon);
-  DaemonClient::Query query = client.start("reset error:7 error results:1:2");
-  EXPECT_EQ(query.events(4),
-            (Events{"reset", "error SearchError 7", "error SearchError 0", "results 1:2"}));
-  EXPECT_FALSE(query.token->queryFinished());
 }
 
 TEST(KXDaemonConnectionTest, MessagesForOtherOrMissingQueryIdsChangeNothingAndLeakNoMapping) {

@@ -21,9 +21,9 @@ namespace {
 // something to attach.
 constexpr size_t kEmptyStreamCapacity = 8192;
 
-// Results the producer marks with this flag absorb equivalent duplicates:
-// the duplicate's score is merged into them instead of being dropped
-// silently.
+// A result whose flags carry this bit absorbs the score of an equivalent
+// duplicate appended after it: the duplicate is still dropped, but the kept
+// result's score becomes the OR of both scores and kMergedScoreBit.
 constexpr int32_t kMergesDuplicateScoresFlag = 0x20;
 constexpr uint64_t kMergedScoreBit = 0x40000000;
 
@@ -174,6 +174,9 @@ bool KXSearchResultSerializer::appendSerializer(std::span<const uint8_t> encoded
 }
 
 bool KXSearchResultSerializer::storeBytes(std::span<const uint8_t> bytes) {
+  // Shareable regions come from the process-wide allocator, which remembers
+  // the memfd behind each address: the message layer attaches the region by
+  // address and sends a sealed duplicate of that descriptor.
   // The count travels as 32 bits; a larger stream cannot be described.
   if (bytes.size() > std::numeric_limits<uint32_t>::max()) return false;
   const size_t capacity = CapacityFor(bytes.size());
