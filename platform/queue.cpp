@@ -164,6 +164,10 @@ void Queue::Impl::RunItem(Item& item) {
   Frame frame(item.origin);
   try {
     item.work();
+    // Captures die while the queue still counts as current: a destructor
+    // that asks "am I on this queue?" (to avoid a sync onto it) must hear
+    // yes, or it would wait on the thread that owns the queue: itself.
+    item.work = nullptr;
   } catch (const std::exception& e) {
     StopForEscapedException(item.origin->label_, e.what());
   } catch (...) {

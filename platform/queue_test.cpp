@@ -167,6 +167,28 @@ TEST(QueueTest, AssertsOffQueueAndOnSyncOntoItself) {
   EXPECT_NE(texts[1].find("test.asserting"), std::string::npos);
 }
 
+// A job's captures are destroyed while the queue is still current, so an
+// owner whose destructor syncs onto the queue "unless already on it" does
+// not wait on itself.
+TEST(QueueTest, CapturesOfAJobDieWhileTheQueueIsCurrent) {
+  auto queue = Queue::Create("captures");
+  std::promise<bool> seen;
+  struct Probe {
+    std::shared_ptr<Queue> queue;
+    std::promise<bool>* seen = nullptr;
+    ~Probe() {
+      if (seen) seen->set_value(queue->isCurrent());
+    }
+  };
+  auto probe = std::make_shared<Probe>();
+  probe->queue = queue;
+  probe->seen = &seen;
+  queue->async([probe = std::move(probe)] {});
+  auto future = seen.get_future();
+  ASSERT_EQ(future.wait_for(5s), std::future_status::ready);
+  EXPECT_TRUE(future.get());
+}
+
 TEST(QueueDeathTest, ExceptionEscapingAJobStopsTheProcess) {
   EXPECT_DEATH(
       {
