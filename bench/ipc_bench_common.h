@@ -84,8 +84,10 @@ inline uint64_t QidOf(const kx::Value& info) {
 // Reads one byte every `stride` bytes of the region, so that every page of
 // a 4 KiB stride is faulted in, and returns their sum: the receiver sends
 // it back and the sender checks it, so the reads cannot be optimised away
-// or skipped.
-inline uint64_t TouchRegion(const uint8_t* data, size_t length, size_t stride) {
+// or skipped. Never inlined, so that every receiver runs the same code
+// rather than whatever the surrounding function lets the compiler make of
+// the loop.
+[[gnu::noinline]] inline uint64_t TouchRegion(const uint8_t* data, size_t length, size_t stride) {
   uint64_t sum = 0;
   for (size_t i = 0; i < length; i += stride) sum += data[i];
   return sum;

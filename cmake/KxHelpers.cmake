@@ -32,6 +32,10 @@ function(kx_add_fuzz_target name)
     target_compile_options(${name}_fuzz PRIVATE -fsanitize=fuzzer)
     target_link_options(${name}_fuzz PRIVATE -fsanitize=fuzzer)
     target_link_libraries(${name}_fuzz PRIVATE kxsearch_static)
+    # Beside each other at the top of the build tree, where
+    # scripts/run-fuzzers.sh looks for them.
+    set_target_properties(${name}_fuzz PROPERTIES
+      RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR})
   elseif(KX_BUILD_TESTS)
     add_executable(${name}_replay ${_src} ${CMAKE_SOURCE_DIR}/fuzz/replay_main.cpp)
     target_link_libraries(${name}_replay PRIVATE kxsearch_static)

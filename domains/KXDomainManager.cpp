@@ -48,11 +48,13 @@ using RegistryEntries = std::vector<kx::Dictionary>;
 std::shared_ptr<KXDomainManager> KXDomainManager::defaultManager() {
   // A plain check of the shared reference, not a once-only guard: threads
   // racing on the first call may each create a manager and a mapping; the
-  // mappings are equal and the last stored wins.
+  // mappings are equal and the last stored wins. The mapping is published
+  // before the manager: a thread that finds the manager already stored
+  // returns at once and must be able to look identifiers up through it.
   if (std::shared_ptr<KXDomainManager> manager = gSharedManager.load()) return manager;
   auto manager = std::make_shared<KXDomainManager>();
-  gSharedManager.store(manager);
   KXNativeSearchDomainToBundleIdMapping.store(MakeNativeSearchDomainToBundleIdMapping());
+  gSharedManager.store(manager);
   return manager;
 }
 

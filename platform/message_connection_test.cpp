@@ -113,9 +113,16 @@ struct LocalServer {
       std::shared_ptr<MessageConnection> peer = e.connection();
       if (!peer) return;
       peer->setTargetQueue(Queue::Create("test.peer"));
-      peer->setEventHandler([received, onMessage](const MessageObject& m) {
+      // Recorded messages point back at the peer, so the peer's handler
+      // (which holds the recorder) would keep it alive forever: like any
+      // owner, the server cancels a peer that has gone, which releases the
+      // handler after the final Invalid.
+      std::weak_ptr<MessageConnection> weakPeer = peer;
+      peer->setEventHandler([received, onMessage, weakPeer](const MessageObject& m) {
         if (m.dictionary() && onMessage) onMessage(m);
         received->add(m);
+        if (m.errorValue() == MessageError::Interrupted)
+          if (auto self = weakPeer.lock()) self->cancel();
       });
       peer->resume();
     });

@@ -34,12 +34,6 @@ Value NumberPayload(const Number& n) {
   return Value(n.int64Value());
 }
 
-Value ClassEntry(std::string_view className) {
-  Dictionary d;
-  d.emplace(af::kClassKey, Value(className));
-  return Value(std::move(d));
-}
-
 Value Reference(uint64_t index) {
   Dictionary d;
   d.emplace(af::kReferenceKey, Value(static_cast<int64_t>(index)));

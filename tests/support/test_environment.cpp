@@ -13,11 +13,14 @@ std::string& Root() {
   return root;
 }
 
+// The process that created the tree; recorded at creation, since a forked
+// child that exits runs the same exit handlers.
+pid_t gOwner = 0;
+
 void RemoveRoot() {
   // Only the process that created the tree removes it; children started by a
   // test inherit the environment but not the ownership.
-  static const pid_t owner = getpid();
-  if (getpid() != owner || Root().empty()) return;
+  if (getpid() != gOwner || Root().empty()) return;
   std::error_code ignored;
   std::filesystem::remove_all(Root(), ignored);
 }
@@ -40,6 +43,7 @@ void SetUpIsolatedEnvironment() {
   std::string pattern = std::filesystem::temp_directory_path() / "kxtest.XXXXXX";
   if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
   Root() = pattern;
+  gOwner = getpid();
   namespace fs = std::filesystem;
   const fs::path root(Root());
   for (const char* sub : {"home", "home/.config", "home/.local/share", "run", "tmp"})
