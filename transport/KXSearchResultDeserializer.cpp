@@ -95,7 +95,7 @@ bool KXSearchResultDeserializer::finishSection(bool decoded) {
   // reports success either way. Only the end mark makes a section whole: a
   // section that ran into the end of the region without one was cut (right
   // after a complete field, or it would have failed).
-  //MUTANT if (decoded && endGroupEnd() != position()) decoded = false;
+  if (decoded && endGroupEnd() != position()) decoded = false;
   // After a failure the position is meaningless (the reader may still be
   // confined to a nested record); the error flag makes every further call
   // fail.
