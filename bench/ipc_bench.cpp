@@ -297,17 +297,20 @@ class DpqBlocking : public Contender {
   bool run(int count, Samples* samples) override {
     for (int i = 0; i < count; ++i) {
       const uint64_t start = ipcbench::NowNs();
-      std::shared_ptr<KXDPQMessage> reply;
-      bool answered = false;
-      connection_->sendMessage(exchange_.make(), [&](const std::shared_ptr<KXDPQMessage>& r) {
-        std::lock_guard lock(mu_);
-        reply = r;
-        answered = true;
-        cv_.notify_one();
+      // Shared with the callback, which may still run after a timed-out wait.
+      auto slot = std::make_shared<Slot>();
+      connection_->sendMessage(exchange_.make(), [slot](const std::shared_ptr<KXDPQMessage>& r) {
+        std::lock_guard lock(slot->mu);
+        slot->reply = r;
+        slot->answered = true;
+        slot->cv.notify_one();
       });
+      std::shared_ptr<KXDPQMessage> reply;
       {
-        std::unique_lock lock(mu_);
-        if (!cv_.wait_for(lock, std::chrono::seconds(10), [&] { return answered; })) return false;
+        std::unique_lock lock(slot->mu);
+        if (!slot->cv.wait_for(lock, std::chrono::seconds(10), [&] { return slot->answered; }))
+          return false;
+        reply = std::move(slot->reply);
       }
       const uint64_t end = ipcbench::NowNs();
       if (!reply || !exchange_.check(*reply)) return false;
@@ -317,10 +320,15 @@ class DpqBlocking : public Contender {
   }
 
  private:
+  struct Slot {
+    std::mutex mu;
+    std::condition_variable cv;
+    bool answered = false;
+    std::shared_ptr<KXDPQMessage> reply;
+  };
+
   const std::shared_ptr<KXDPQConnection> connection_;
   const Exchange exchange_;
-  std::mutex mu_;
-  std::condition_variable cv_;
 };
 
 // The library's wire size of a request and of its reply: the floor moves

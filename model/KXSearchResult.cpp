@@ -332,13 +332,7 @@ bool KXSearchResultReadFrom(KXSearchResult& r, WireReader& reader) {
   return !reader.hasError();
 }
 
-bool KXSearchResultSkipFrom(WireReader& reader) {
-  uint64_t key;
-  while (kx::NextRecordKey(reader, &key)) {
-    if (!reader.skipField(key)) return false;
-  }
-  return !reader.hasError();
-}
+bool KXSearchResultSkipFrom(WireReader& reader) { return reader.skipRecord(); }
 
 // A dictionary's archive together with the entries it was made from. The
 // snapshot shares every value's storage with the dictionary, so a change to

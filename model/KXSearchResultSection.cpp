@@ -155,7 +155,14 @@ bool KXSearchResultSectionReadDomainFrom(uint32_t* domain, WireReader& reader) {
   uint32_t found = KXSearchResultSection::kNoDomain;
   bool ok = true;
   uint64_t key;
-  while (ok && kx::NextRecordKey(reader, &key)) {
+  // Results are nearly all of a section: the ones that walk plainly are
+  // skipped several at a time, and whatever stops that walk (another field,
+  // a result that needs the general rules) takes the loop's path below.
+  constexpr uint8_t kPlainResultKey =
+      (kResults << 3) | static_cast<uint8_t>(WireType::LengthDelimited);
+  while (ok) {
+    reader.skipPlainNestedRecords(kPlainResultKey);
+    if (!kx::NextRecordKey(reader, &key)) break;
     switch (kx::RecordFieldNumber(key)) {
       case kDomain: found = reader.readUInt32(); break;
       case kResults: {

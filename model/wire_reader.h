@@ -176,6 +176,77 @@ class WireReader {
     }
   }
 
+  // Skips one record's fields up to the end of the data, an end-group key
+  // (consumed, as readKey does) or a failure: the loop of a record reader
+  // that skips every field with skipField, with the same result, position,
+  // error flag and end-group position. Fields that the plain walk below
+  // handles are skipped with the position in a register; anything else
+  // (groups, end-group keys, over-long or cut varints, short values) goes
+  // through readKey and skipField from that field's start.
+  bool skipRecord() {
+    if (error_) return false;
+    const uint8_t* const end = bytes_ + length_;
+    const uint8_t* p = bytes_ + pos_;
+    while (p < end) {
+      if (const uint8_t* next = SkipPlainField(p, end)) [[likely]] {
+        p = next;
+        continue;
+      }
+      pos_ = static_cast<size_t>(p - bytes_);
+      const uint64_t key = readKey();
+      if (error_ || WireTypeOfKey(key) == WireType::EndGroup) return !error_;
+      if (!skipField(key)) return false;
+      p = bytes_ + pos_;
+    }
+    pos_ = static_cast<size_t>(p - bytes_);
+    return true;
+  }
+
+  // Consumes consecutive fields with the one-byte key `key` whose value is a
+  // nested record that skipRecord would walk to its very end, stopping before
+  // the first field that is anything else. The net effect of each field
+  // consumed is that of reading its key, placeMark, skipRecord and
+  // recallMark. Several records are walked side by side: each walk is a
+  // serial chain of loads, and independent chains overlap.
+  void skipPlainNestedRecords(uint8_t key) {
+    if (error_) return;
+    constexpr size_t kLanes = 4;
+    const uint8_t* const limit = bytes_ + length_;
+    const uint8_t* p = bytes_ + pos_;
+    while (true) {
+      const uint8_t* cur[kLanes];
+      const uint8_t* stop[kLanes];
+      size_t lanes = 0;
+      for (const uint8_t* q = p; lanes < kLanes && q < limit && *q == key; ++lanes) {
+        uint64_t n;
+        const uint8_t* body = ReadShortLength(q + 1, limit, &n);
+        if (!body || n > static_cast<uint64_t>(limit - body)) break;
+        cur[lanes] = body;
+        stop[lanes] = q = body + n;
+      }
+      if (lanes == 0) break;
+      for (bool busy = true; busy;) {
+        busy = false;
+        for (size_t i = 0; i < kLanes; ++i) {
+          if (i < lanes && cur[i] && cur[i] < stop[i]) {
+            cur[i] = SkipPlainField(cur[i], stop[i]);
+            busy = true;
+          }
+        }
+      }
+      for (size_t i = 0; i < lanes; ++i) {
+        if (cur[i] != stop[i]) {
+          pos_ = static_cast<size_t>(p - bytes_);
+          return;
+        }
+        p = stop[i];
+        endGroupEnd_ = kNoEndGroup;
+      }
+      if (lanes < kLanes) break;
+    }
+    pos_ = static_cast<size_t>(p - bytes_);
+  }
+
   // Reads the length of a nested message and confines reading to it; the
   // outer limit is saved in `mark`. A length past the limit sets the error
   // flag and returns false with the limit unchanged.
@@ -235,6 +306,68 @@ class WireReader {
     }
     pos_ += kMaxVarintBytes;
     return 0;
+  }
+
+  // The number of bytes of the varint at `p` when it ends within ten bytes
+  // and before `end`; 0 when it is cut or over-long (the general reader's
+  // rules apply: an over-long key is key 0, not the wire type of its first
+  // byte).
+  static size_t PlainVarintLength(const uint8_t* p, const uint8_t* end) {
+    if (end - p >= 8) [[likely]] {
+      uint64_t w;
+      std::memcpy(&w, p, 8);
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+      w = __builtin_bswap64(w);
+#endif
+      const uint64_t stops = ~w & 0x8080808080808080ULL;
+      if (stops) return static_cast<size_t>(__builtin_ctzll(stops)) / 8 + 1;
+      if (end - p > 8 && p[8] < 0x80) return 9;
+      return end - p > 9 && p[9] < 0x80 ? 10 : 0;
+    }
+    for (size_t i = 0; i < kMaxVarintBytes && p + i < end; ++i) {
+      if (p[i] < 0x80) return i + 1;
+    }
+    return 0;
+  }
+
+  // A length of one or two bytes (up to 16 KiB, every length this system
+  // writes for a record's field) at `p`; the bytes after it, or null when
+  // the length is longer or cut.
+  static const uint8_t* ReadShortLength(const uint8_t* p, const uint8_t* end, uint64_t* n) {
+    if (p < end && p[0] < 0x80) {
+      *n = p[0];
+      return p + 1;
+    }
+    if (end - p >= 2 && p[1] < 0x80) {
+      *n = (p[0] & 0x7fu) | uint64_t{p[1]} << 7;
+      return p + 2;
+    }
+    return nullptr;
+  }
+
+  // Skips the field starting at `p` (p < end) when skipField would skip it
+  // without failing and its key is not an end-group key; returns the
+  // position after it, or null for every other case, which the caller hands
+  // to the general code.
+  static const uint8_t* SkipPlainField(const uint8_t* p, const uint8_t* end) {
+    const size_t keyLength = PlainVarintLength(p, end);
+    if (keyLength == 0) return nullptr;
+    const unsigned wireType = p[0] & 7u;
+    p += keyLength;
+    switch (wireType) {
+      case 0: {
+        const size_t n = PlainVarintLength(p, end);
+        return n ? p + n : nullptr;
+      }
+      case 1: return end - p >= 8 ? p + 8 : nullptr;
+      case 2: {
+        uint64_t n;
+        const uint8_t* body = ReadShortLength(p, end, &n);
+        return body && n <= static_cast<uint64_t>(end - body) ? body + n : nullptr;
+      }
+      case 5: return end - p >= 4 ? p + 4 : nullptr;
+      default: return nullptr;
+    }
   }
 
   uint64_t readVarintSlow();
