@@ -210,7 +210,7 @@ class WireReader {
   // serial chain of loads, and independent chains overlap.
   void skipPlainNestedRecords(uint8_t key) {
     if (error_) return;
-    constexpr size_t kLanes = 4;
+    constexpr size_t kLanes = 2;
     const uint8_t* const limit = bytes_ + length_;
     const uint8_t* p = bytes_ + pos_;
     while (true) {
@@ -348,23 +348,31 @@ class WireReader {
   // Skips the field starting at `p` (p < end) when skipField would skip it
   // without failing and its key is not an end-group key; returns the
   // position after it, or null for every other case, which the caller hands
-  // to the general code.
-  static const uint8_t* SkipPlainField(const uint8_t* p, const uint8_t* end) {
-    const size_t keyLength = PlainVarintLength(p, end);
-    if (keyLength == 0) return nullptr;
-    const unsigned wireType = p[0] & 7u;
-    p += keyLength;
-    switch (wireType) {
+  // to the general code. Keys of one and two bytes (fields 1 to 2047) and
+  // lengths of one and two bytes are the cases handled here.
+  [[gnu::always_inline]] static const uint8_t* SkipPlainField(const uint8_t* p,
+                                                              const uint8_t* end) {
+    const unsigned first = *p++;
+    if (first >= 0x80) {
+      if (p == end || *p >= 0x80) return nullptr;
+      ++p;
+    }
+    switch (first & 7u) {
+      case 2: {
+        if (p == end) return nullptr;
+        uint64_t n = *p++;
+        if (n >= 0x80) {
+          if (p == end || *p >= 0x80) return nullptr;
+          n = (n & 0x7f) | uint64_t{*p++} << 7;
+        }
+        return n <= static_cast<uint64_t>(end - p) ? p + n : nullptr;
+      }
       case 0: {
+        if (p != end && *p < 0x80) return p + 1;
         const size_t n = PlainVarintLength(p, end);
         return n ? p + n : nullptr;
       }
       case 1: return end - p >= 8 ? p + 8 : nullptr;
-      case 2: {
-        uint64_t n;
-        const uint8_t* body = ReadShortLength(p, end, &n);
-        return body && n <= static_cast<uint64_t>(end - body) ? body + n : nullptr;
-      }
       case 5: return end - p >= 4 ? p + 4 : nullptr;
       default: return nullptr;
     }

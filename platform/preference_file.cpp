@@ -131,7 +131,9 @@ FileStamp StatPreferenceFile(const std::string& path) {
 }
 
 PreferenceFileContents ReadPreferenceFile(const std::string& path) {
-  static const auto kEmpty = std::make_shared<const Dictionary>();
+  // Never destroyed: readers on threads that outlive main still use it.
+  static const auto& kEmpty =
+      *new std::shared_ptr<const Dictionary>(std::make_shared<const Dictionary>());
   PreferenceFileContents contents;
   contents.values = kEmpty;
   // O_NONBLOCK: a FIFO planted at the path must not hang the reader.

@@ -297,11 +297,12 @@ bool PreferenceStore::Synchronize(std::string_view domain) {
 }
 
 std::string PreferenceStore::DirectoryPath() {
-  static const std::string path = [] {
+  // Never destroyed: threads that outlive main still read preferences.
+  static const std::string& path = *new std::string([] {
     const char* dir = std::getenv("KX_PREFERENCES_DIR");
     if (dir && dir[0] == '/') return std::string(dir);
     return ConfigDirectory() + "/orvex/preferences";
-  }();
+  }());
   return path;
 }
 

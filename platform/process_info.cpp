@@ -15,7 +15,9 @@
 
 // Cached values live in function-local statics: the language initialises
 // them once and thread-safely, and an initialiser that throws (DirectoryError)
-// leaves the value unset, so the next call tries again.
+// leaves the value unset, so the next call tries again. They are allocated
+// and never destroyed: detached threads (message readers, the pool) may still
+// read them, for instance while logging, once static destructors run at exit.
 
 namespace kx {
 namespace {
@@ -57,7 +59,11 @@ std::string RuntimeSubdirectory(const char* overrideVariable, const char* name) 
 }
 
 std::mutex gBundleMutex;
-std::string gBundleOverride;  // empty: not set; guarded by gBundleMutex
+// Empty: not set; guarded by gBundleMutex.
+std::string& BundleOverride() {
+  static std::string& value = *new std::string;
+  return value;
+}
 
 // The kernel's name of the calling thread (at most 15 bytes).
 std::string KernelThreadName() {
@@ -69,7 +75,7 @@ std::string KernelThreadName() {
 // A thread that was never named carries the name of the process's command,
 // inherited from the thread that created it.
 const std::string& ProcessCommandName() {
-  static const std::string cached = [] {
+  static const std::string& cached = *new std::string([] {
     char buffer[64] = {};
     FILE* f = std::fopen("/proc/self/comm", "re");
     if (f) {
@@ -79,7 +85,7 @@ const std::string& ProcessCommandName() {
     std::string comm(buffer);
     if (!comm.empty() && comm.back() == '\n') comm.pop_back();
     return comm;
-  }();
+  }());
   return cached;
 }
 
@@ -99,22 +105,22 @@ ThreadIdentity AssignThreadIdentity() {
 std::string BundleIdentifier() {
   {
     std::lock_guard<std::mutex> lock(gBundleMutex);
-    if (!gBundleOverride.empty()) return gBundleOverride;
+    if (!BundleOverride().empty()) return BundleOverride();
   }
-  static const std::string cached = [] {
+  static const std::string& cached = *new std::string([] {
     if (const char* id = NonEmptyEnv("KX_BUNDLE_IDENTIFIER")) return std::string(id);
     return ProcessName();
-  }();
+  }());
   return cached;
 }
 
 void SetBundleIdentifier(std::string identifier) {
   std::lock_guard<std::mutex> lock(gBundleMutex);
-  gBundleOverride = std::move(identifier);
+  BundleOverride() = std::move(identifier);
 }
 
 std::string ProcessName() {
-  static const std::string name = ExecutableName();
+  static const std::string& name = *new std::string(ExecutableName());
   return name;
 }
 
@@ -136,7 +142,7 @@ std::string CurrentThreadDescription() {
 }
 
 std::string HomeDirectory() {
-  static const std::string cached = [] {
+  static const std::string& cached = *new std::string([] {
     if (const char* home = AbsoluteEnv("HOME")) return std::string(home);
     long size = sysconf(_SC_GETPW_R_SIZE_MAX);
     std::string buffer(size > 0 ? static_cast<size_t>(size) : 16384, '\0');
@@ -147,46 +153,48 @@ std::string HomeDirectory() {
       return std::string(found->pw_dir);
     }
     return std::string("/");
-  }();
+  }());
   return cached;
 }
 
 std::string RuntimeDirectory() {
-  static const std::string cached = [] {
+  static const std::string& cached = *new std::string([] {
     // systemd-logind creates $XDG_RUNTIME_DIR private to the user; only the
     // fallback in the shared /tmp needs vetting.
     if (const char* dir = AbsoluteEnv("XDG_RUNTIME_DIR")) return std::string(dir);
     return PrivateDirectoryOrThrow("/tmp/kx-runtime-" + std::to_string(geteuid()));
-  }();
+  }());
   return cached;
 }
 
 std::string ServiceDirectory() {
-  static const std::string cached = RuntimeSubdirectory("KX_SERVICE_DIR", "kx-services");
+  static const std::string& cached =
+      *new std::string(RuntimeSubdirectory("KX_SERVICE_DIR", "kx-services"));
   return cached;
 }
 
 std::string NotifyDirectory() {
-  static const std::string cached = RuntimeSubdirectory("KX_NOTIFY_DIR", "kx-notify");
+  static const std::string& cached =
+      *new std::string(RuntimeSubdirectory("KX_NOTIFY_DIR", "kx-notify"));
   return cached;
 }
 
 std::string ConfigDirectory() {
-  static const std::string cached = [] {
+  static const std::string& cached = *new std::string([] {
     if (const char* dir = AbsoluteEnv("XDG_CONFIG_HOME")) return std::string(dir);
     return HomeDirectory() + "/.config";
-  }();
+  }());
   return cached;
 }
 
 std::string UserLibraryDirectory() {
-  static const std::string cached = [] {
+  static const std::string& cached = *new std::string([] {
     const char* dir = AbsoluteEnv("XDG_DATA_HOME");
     std::string path = dir ? std::string(dir) : HomeDirectory() + "/.local/share";
     std::string error;
     if (!MakeDirectories(path, &error)) throw DirectoryError(error);
     return path;
-  }();
+  }());
   return cached;
 }
 
@@ -205,7 +213,7 @@ std::vector<std::string> DataDirectories() {
 }
 
 std::string ResourceDirectory() {
-  static const std::string cached = [] {
+  static const std::string& cached = *new std::string([] {
     if (const char* dir = NonEmptyEnv("KX_RESOURCE_DIR")) return std::string(dir);
     for (const char* candidate : {KX_INSTALL_DATADIR, KX_BUILD_RESOURCE_DIR}) {
       if (char* resolved = realpath(candidate, nullptr)) {
@@ -217,7 +225,7 @@ std::string ResourceDirectory() {
     // Neither exists: name the installed location, so that failures to
     // open resources point at where they were expected.
     return std::string(KX_INSTALL_DATADIR);
-  }();
+  }());
   return cached;
 }
 

@@ -373,12 +373,14 @@ std::shared_ptr<Queue> Queue::Create(std::string label, QoS qos, std::shared_ptr
 }
 
 const std::shared_ptr<Queue>& Queue::Main() {
-  static const std::shared_ptr<Queue> main = [] {
+  // Never destroyed: pool threads and message readers that outlive main may
+  // still submit work to it while static destructors run.
+  static const std::shared_ptr<Queue>& main = *new std::shared_ptr<Queue>([] {
     std::shared_ptr<Queue> q(new Queue(
         std::make_unique<Impl>("com.orvex.main-thread", QoS::UserInteractive, nullptr, true)));
     q->impl_->self_ = q.get();
     return q;
-  }();
+  }());
   return main;
 }
 

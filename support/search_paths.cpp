@@ -5,8 +5,10 @@
 #include "kx/log.h"
 #include "platform/process_info.h"
 
+// The cached paths are never destroyed: threads that outlive main (message
+// readers, the pool) may still ask for them at exit.
 std::optional<std::string> KXSkylumeSupportDirectoryPath() {
-  static const std::optional<std::string> cached = []() -> std::optional<std::string> {
+  static const auto& cached = *new std::optional<std::string>([]() -> std::optional<std::string> {
     std::string library;
     try {
       library = kx::UserLibraryDirectory();
@@ -19,18 +21,18 @@ std::optional<std::string> KXSkylumeSupportDirectoryPath() {
     }
     if (library.back() != '/') library += '/';
     return library + "Skylume";
-  }();
+  }());
   return cached;
 }
 
 std::string KXSearchFrameworkPath() {
-  static const std::string cached = [] {
+  static const std::string& cached = *new std::string([] {
     std::string bundle = kx::ResourceDirectory();
     if (char* resolved = realpath(bundle.c_str(), nullptr)) {
       bundle = resolved;
       std::free(resolved);
     }
     return bundle;
-  }();
+  }());
   return cached;
 }

@@ -438,9 +438,11 @@ std::shared_ptr<const S> MakeStorage(Value::Kind kind, T&& v) {
 
 Value::Value() = default;
 
+// The shared null and boolean storages are never destroyed: threads that
+// outlive main (message readers, the pool) still make values at exit.
 Value Value::Null() {
-  static const std::shared_ptr<const Storage> kNull =
-      MakeStorage<Storage>(Kind::Null, std::monostate{});
+  static const std::shared_ptr<const Storage>& kNull =
+      *new std::shared_ptr<const Storage>(MakeStorage<Storage>(Kind::Null, std::monostate{}));
   Value v;
   v.storage_ = kNull;
   return v;
@@ -449,9 +451,10 @@ Value Value::Null() {
 Value::Value(const Number& n) : storage_(MakeStorage<Storage>(Kind::Number, n)) {}
 
 Value::Value(bool b) {
-  static const std::shared_ptr<const Storage> kTrue = MakeStorage<Storage>(Kind::Number, Number::Bool(true));
-  static const std::shared_ptr<const Storage> kFalse =
-      MakeStorage<Storage>(Kind::Number, Number::Bool(false));
+  static const std::shared_ptr<const Storage>& kTrue =
+      *new std::shared_ptr<const Storage>(MakeStorage<Storage>(Kind::Number, Number::Bool(true)));
+  static const std::shared_ptr<const Storage>& kFalse =
+      *new std::shared_ptr<const Storage>(MakeStorage<Storage>(Kind::Number, Number::Bool(false)));
   storage_ = b ? kTrue : kFalse;
 }
 
