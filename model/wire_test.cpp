@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -266,6 +267,185 @@ TEST(WireCodableTest, RoundTripsThroughData) {
   Bytes damaged = p.data();
   damaged.pop_back();
   EXPECT_EQ(WireCodable::FromData<Pair>(damaged), nullptr);
+}
+
+
+// The general record walk that WireReader::skipRecord must reproduce: one
+// readKey and skipField per field.
+bool SkipRecordByField(WireReader& r) {
+  while (r.hasMoreData() && !r.hasError()) {
+    const uint64_t key = r.readKey();
+    if (r.hasError() || WireReader::WireTypeOfKey(key) == WireType::EndGroup) break;
+    if (!r.skipField(key)) return false;
+  }
+  return !r.hasError();
+}
+
+// Everything a caller can observe of a reader after a walk.
+struct WalkOutcome {
+  bool ok;
+  size_t position;
+  size_t length;
+  bool error;
+  size_t endGroupEnd;
+  bool operator==(const WalkOutcome&) const = default;
+};
+WalkOutcome OutcomeOf(bool ok, const WireReader& r) {
+  return {ok, r.position(), r.length(), r.hasError(), r.endGroupEnd()};
+}
+
+// A record with every shape the fast walk distinguishes: one- and two-byte
+// keys, one- and two-byte lengths, varints of 1 to 10 bytes, both fixed
+// widths and unknown fields; with `rare`, also a group and a three-byte key,
+// which the fast walk leaves to the general code.
+Bytes VariedRecord(bool rare = true) {
+  WireWriter w;
+  w.writeStringField(1, "Quarterly budget review");
+  w.writeStringField(3, std::string(150, 's'));  // two-byte length
+  w.writeVarintField(6, 0xF123456789ABCDEFULL);  // ten-byte varint
+  w.writeVarintField(6, 0x0123456789ABCDEFULL);  // nine-byte varint
+  w.writeInt32Field(8, -1);
+  w.writeVarintField(9, 2);
+  w.writeStringField(17, "com.orvex.mail");  // two-byte key
+  w.writeVarintField(25, uint64_t{1} << 40);
+  w.writeDoubleField(29, 0.25);
+  w.writeKey(11, WireType::Fixed32);
+  w.writeFixed32(7);
+  if (rare) {
+    w.writeKey(12, WireType::StartGroup);
+    w.writeVarintField(1, 5);
+    w.writeKey(12, WireType::EndGroup);
+    w.writeStringField(3000, "far");  // three-byte key
+  }
+  w.writeBoolField(30, true);
+  return w.copyData();
+}
+
+// Compares skipRecord with the field-by-field walk on `bytes` (copied into an
+// allocation of exactly its size, so the address sanitizer sees any read
+// past the end), also from a few positions inside it.
+void ExpectSkipRecordAgrees(const Bytes& bytes, const std::string& what) {
+  const std::unique_ptr<uint8_t[]> exact(new uint8_t[bytes.size() + 1]);
+  std::copy(bytes.begin(), bytes.end(), exact.get());
+  WireReader general(exact.get(), bytes.size());
+  WireReader fast(exact.get(), bytes.size());
+  const bool generalOk = SkipRecordByField(general);
+  const bool fastOk = fast.skipRecord();
+  EXPECT_EQ(OutcomeOf(fastOk, fast), OutcomeOf(generalOk, general)) << what;
+}
+
+TEST(WireReaderTest, SkipRecordAgreesWithTheFieldByFieldWalkOnEveryCut) {
+  const Bytes all = VariedRecord();
+  WireReader whole(all.data(), all.size());
+  ASSERT_TRUE(whole.skipRecord());
+  EXPECT_EQ(whole.position(), all.size());
+  for (size_t cut = 0; cut <= all.size(); ++cut) {
+    ExpectSkipRecordAgrees(Bytes(all.begin(), all.begin() + static_cast<long>(cut)),
+                           "cut at " + std::to_string(cut));
+  }
+}
+
+TEST(WireReaderTest, SkipRecordAgreesWithTheFieldByFieldWalkOnDamagedBytes) {
+  const Bytes all = VariedRecord();
+  // Every byte replaced by values that turn it into an end-group key, a
+  // continuation byte, a bad wire type, a group start, a long length or key 0.
+  const uint8_t kReplacements[] = {0x00, 0x04, 0x0C, 0x0E, 0x0F, 0x0B, 0x7F, 0x80, 0xFF, 0x3A};
+  for (size_t i = 0; i < all.size(); ++i) {
+    for (uint8_t b : kReplacements) {
+      Bytes damaged = all;
+      damaged[i] = b;
+      ExpectSkipRecordAgrees(damaged, "byte " + std::to_string(i) + " = " + std::to_string(b));
+    }
+  }
+  const std::vector<Bytes> hostile = {
+      // A key of ten continuation bytes reads as key 0 (a varint) and
+      // consumes them; the next byte is its value.
+      {0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x03, 0x08, 0x01},
+      // Over-long key whose first byte looks like a length-delimited key.
+      {0x8A, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x01, 0x10},
+      // Over-long value varint, then a field.
+      {0x08, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x10, 0x01},
+      {0x12, 0x05, 'a'},               // length past the end
+      {0x12, 0xFF, 0xFF, 0x03, 'a'},   // three-byte length past the end
+      {0x12, 0x80},                    // cut length
+      {0x0E},                          // wire type 6
+      {0x08, 0x01, 0x04, 0x08, 0x01},  // end-group key in the middle
+      {0x1B, 0x08, 0x01, 0x24},        // group 3 closed by end-group 4
+      {0x1B, 0x08, 0x01, 0x1C, 0x10},  // group 3 closed properly
+      {0x1B, 0x08, 0x01},              // group never closed
+      {0x09, 1, 2, 3, 4, 5, 6, 7},     // short fixed64
+      {0x0D, 1, 2, 3},                 // short fixed32
+  };
+  for (size_t i = 0; i < hostile.size(); ++i) {
+    ExpectSkipRecordAgrees(hostile[i], "hostile input " + std::to_string(i));
+    for (size_t cut = 0; cut < hostile[i].size(); ++cut) {
+      ExpectSkipRecordAgrees(Bytes(hostile[i].begin(), hostile[i].begin() + static_cast<long>(cut)),
+                             "hostile input " + std::to_string(i) + " cut at " +
+                                 std::to_string(cut));
+    }
+  }
+}
+
+// A walk over outer records ended by end-group keys, one after another as in
+// the packed stream, with records nested in field 2: with placeMark,
+// skipRecord and recallMark per nested record, or with
+// skipPlainNestedRecords taking what it can before each key.
+bool WalkOuterRecord(WireReader& r, bool plainFirst) {
+  bool ok = true;
+  while (ok) {
+    if (plainFirst) r.skipPlainNestedRecords(0x12);
+    if (!r.hasMoreData() || r.hasError()) break;
+    const uint64_t key = r.readKey();
+    if (r.hasError() || WireReader::WireTypeOfKey(key) == WireType::EndGroup) break;
+    if ((key >> 3) == 2) {
+      WireReaderMark mark;
+      ok = r.placeMark(&mark) && r.skipRecord();
+      if (ok) r.recallMark(mark);
+    } else {
+      ok = r.skipField(key);
+    }
+  }
+  return ok && !r.hasError();
+}
+
+WalkOutcome WalkNested(const Bytes& bytes, bool plainFirst) {
+  WireReader r(bytes.data(), bytes.size());
+  bool ok = true;
+  while (ok && r.hasMoreData() && !r.hasError()) ok = WalkOuterRecord(r, plainFirst);
+  return OutcomeOf(ok && !r.hasError(), r);
+}
+
+TEST(WireReaderTest, SkippingPlainNestedRecordsLeavesTheReaderAsTheGeneralWalk) {
+  const Bytes record = VariedRecord();
+  const Bytes plain = VariedRecord(false);
+  WireWriter w;
+  w.writeVarintField(1, 14);
+  w.writeDataField(2, plain);
+  w.writeDataField(2, plain);
+  w.writeDataField(2, record);  // needs the general rules
+  w.writeDataField(2, plain);
+  w.writeKey(0, WireType::EndGroup);
+  w.writeDataField(2, plain);
+  const Bytes stream = w.copyData();
+  for (size_t cut = 0; cut <= stream.size(); ++cut) {
+    Bytes prefix(stream.begin(), stream.begin() + static_cast<long>(cut));
+    EXPECT_EQ(WalkNested(prefix, true), WalkNested(prefix, false)) << "cut at " << cut;
+  }
+  for (size_t i = 0; i < stream.size(); ++i) {
+    for (uint8_t b : {0x00, 0x04, 0x12, 0x80, 0xFF}) {
+      Bytes damaged = stream;
+      damaged[i] = b;
+      EXPECT_EQ(WalkNested(damaged, true), WalkNested(damaged, false))
+          << "byte " << i << " = " << int(b);
+    }
+  }
+  // The fast walk does take the plain records: it stops before the third.
+  WireReader r(stream.data(), stream.size());
+  r.readVarint();
+  r.readVarint();
+  r.skipPlainNestedRecords(0x12);
+  const size_t nested = 1 + 2 + plain.size();
+  EXPECT_EQ(r.position(), 2 + 2 * nested);
 }
 
 }  // namespace
