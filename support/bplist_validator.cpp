@@ -4,6 +4,7 @@
 // object index and offset-table position.
 #include "support/bplist_validator.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <unordered_map>
@@ -56,6 +57,9 @@ class Validator {
     const State& top = state_[top_];
     if (top.height > maxDepth_) return "nesting too deep";
     if (top.nodes > kMaxPropertyListNodes) return "too many objects";
+    if (top.nodes > std::max<uint64_t>(kMaxPropertyListSharedNodes, bytes_.size())) {
+      return "too many objects";
+    }
     if (top.bytes > kMaxPropertyListExpandedBytes) return "too much content";
     if (scan) {
       scan->integers.clear();

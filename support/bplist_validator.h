@@ -22,6 +22,15 @@ namespace kx {
 
 // The largest tree, in nodes, that a binary property list may expand to.
 inline constexpr uint64_t kMaxPropertyListNodes = uint64_t{1} << 20;
+// Below kMaxPropertyListNodes, a tree may also have no more nodes than the
+// input has bytes, unless it stays within this many. A list whose
+// containers are each referred to once (what writers produce) never has
+// more: every node but the root takes a reference of at least one byte.
+// Only shared containers expand further, and without this bound a few
+// hundred bytes could stand for a million nodes, which take seconds to
+// decode and far longer to encode again (libplist's writer is quadratic in
+// the number of objects).
+inline constexpr uint64_t kMaxPropertyListSharedNodes = uint64_t{1} << 16;
 // The most string and data bytes the expanded tree may hold.
 inline constexpr uint64_t kMaxPropertyListExpandedBytes = uint64_t{256} << 20;
 
@@ -41,7 +50,8 @@ struct BinaryPropertyListScan {
 
 // Returns an empty string when `bytes` is a binary property list the value
 // model can hold within the limits (size, `maxDepth` nested containers,
-// kMaxPropertyListNodes, kMaxPropertyListExpandedBytes); otherwise a short
+// kMaxPropertyListNodes, kMaxPropertyListSharedNodes,
+// kMaxPropertyListExpandedBytes); otherwise a short
 // reason. Fills `scan` (when given) only on success.
 std::string ValidateBinaryPropertyList(std::span<const uint8_t> bytes, size_t maxBytes,
                                        size_t maxDepth, BinaryPropertyListScan* scan);

@@ -199,6 +199,25 @@ TEST(PropertyListTest, RejectsCyclesSharedBlowUpAndBadObjects) {
   EXPECT_EQ(ok.value.count(), 3u);
   EXPECT_EQ(ok.value.at(2).date()->secondsSinceReferenceDate, 1e9);
 
+  // A chain of arrays each referring twice to the next: a tree of
+  // 2^(levels+1) - 1 nodes from about 3 bytes per level. Within
+  // kMaxPropertyListSharedNodes it decodes; beyond it, and beyond the
+  // input's size, it is refused although far below kMaxPropertyListNodes.
+  auto chain = [](uint8_t levels) {
+    RawPlist p;
+    for (uint8_t i = 0; i < levels; ++i) p.add(RawPlist::Array({uint8_t(i + 1), uint8_t(i + 1)}));
+    p.add({0x10, 0x01});
+    return p;
+  };
+  static_assert(kMaxPropertyListSharedNodes == (uint64_t{1} << 16));
+  PropertyListResult within = DecodeBinaryPropertyList(chain(15).bytes());
+  ASSERT_TRUE(within.ok()) << within.error;
+  EXPECT_EQ(within.value.count(), 2u);
+  const RawPlist beyond = chain(16);
+  ASSERT_LT(beyond.bytes().size(), 200u);
+  EXPECT_EQ(decode(beyond), "too many objects");
+  EXPECT_EQ(decode(chain(18)), "too many objects");
+
   struct Case {
     std::vector<uint8_t> object;
     const char* error;
