@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -112,46 +113,68 @@ std::optional<ServiceListener> ListenOnService(std::string_view name, std::strin
     *error = "invalid service name";
     return std::nullopt;
   }
+  // The socket is bound and made to listen under a name of this process's
+  // own, and only then linked to the service's name: a client that finds
+  // the service's file can connect at once, whereas a file bound but not
+  // yet listening refuses it as if the service had gone. Unlike rename,
+  // link never replaces an existing file.
+  static std::atomic<unsigned> staged{0};
+  const std::string stagingName =
+      ".listening." + std::to_string(getpid()) + "." + std::to_string(staged.fetch_add(1));
+  std::optional<std::string> staging = ServiceSocketPath(stagingName);
+  sockaddr_un stagingAddress;
+  if (!staging || !FillAddress(*staging, stagingAddress)) {
+    *error = "service directory path too long";
+    return std::nullopt;
+  }
   ServiceListener listener;
-  listener.path = *path;
+  listener.fd = NewSocket();
+  if (!listener.fd) {
+    *error = std::strerror(errno);
+    return std::nullopt;
+  }
+  unlink(staging->c_str());  // left behind by an earlier process with this pid
+  if (bind(listener.fd.get(), reinterpret_cast<const sockaddr*>(&stagingAddress),
+           sizeof stagingAddress) != 0 ||
+      chmod(staging->c_str(), 0600) != 0 || listen(listener.fd.get(), SOMAXCONN) != 0) {
+    *error = std::strerror(errno);
+    unlink(staging->c_str());
+    return std::nullopt;
+  }
+  bool linked = false;
   for (int attempt = 0; attempt < 2; ++attempt) {
-    listener.fd = NewSocket();
-    if (!listener.fd) {
-      *error = std::strerror(errno);
-      return std::nullopt;
-    }
-    if (bind(listener.fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+    if (link(staging->c_str(), path->c_str()) == 0) {
+      linked = true;
       break;
-    if (errno != EADDRINUSE || attempt > 0) {
+    }
+    if (errno != EEXIST || attempt > 0) {
       *error = std::strerror(errno);
-      return std::nullopt;
+      break;
     }
     // The name is taken: replace the file only when it is a socket that
     // refuses connections, i.e. its listener has gone.
     struct stat st;
     if (lstat(path->c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) {
       *error = "service path exists and is not a socket";
-      return std::nullopt;
+      break;
     }
     ScopedFd probe = NewSocket();
     if (probe && TryConnect(probe.get(), address) != ECONNREFUSED) {
       *error = "service is already running";
-      return std::nullopt;
+      break;
     }
     unlink(path->c_str());
   }
-  // Before taking the file's identity: chmod changes its change time.
-  chmod(path->c_str(), 0600);
+  unlink(staging->c_str());
+  if (!linked) return std::nullopt;
+  listener.path = *path;
+  // Taken once the links are final: each link and unlink changes the
+  // file's change time.
   struct stat st;
   if (lstat(path->c_str(), &st) == 0) {
     listener.device = st.st_dev;
     listener.inode = st.st_ino;
     listener.changed = st.st_ctim;
-  }
-  if (listen(listener.fd.get(), SOMAXCONN) != 0) {
-    *error = std::strerror(errno);
-    RemoveServiceSocketFile(listener);
-    return std::nullopt;
   }
   // The descriptor stays non-blocking: the accepting thread waits with poll
   // and must not park in accept when another process took the connection.

@@ -32,18 +32,19 @@ ScopedFd ConnectToService(std::string_view name, int* error);
 struct ServiceListener {
   ScopedFd fd;
   std::string path;
-  // Identity of the socket file created by bind, so that only that file is
-  // ever removed. File systems reuse inode numbers at once, so the change
-  // time (nanoseconds) is part of it.
+  // Identity of the socket file this listener created, so that only that
+  // file is ever removed. File systems reuse inode numbers at once, so the
+  // change time (nanoseconds) is part of it.
   dev_t device = 0;
   ino_t inode = 0;
   timespec changed{};
 };
 
-// Binds and listens on the named service's socket file. A socket file that
-// nobody listens on any more is replaced; a live one, or anything that is
-// not a socket, is left alone and the call fails. Nullopt with `*error`
-// describing the failure.
+// Binds and listens on the named service's socket file. The file appears
+// only once the socket listens, so a client that finds it can connect. A
+// socket file that nobody listens on any more is replaced; a live one, or
+// anything that is not a socket, is left alone and the call fails. Nullopt
+// with `*error` describing the failure.
 std::optional<ServiceListener> ListenOnService(std::string_view name, std::string* error);
 
 // Removes the listener's socket file if it is still the one it created.

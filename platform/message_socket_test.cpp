@@ -7,7 +7,11 @@
 #include <sys/un.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <set>
+#include <string>
+#include <thread>
 
 #include "platform/process_info.h"
 
@@ -53,6 +57,34 @@ TEST(MessageSocketTest, ListenerReplacesStaleSocketsButNeverLiveOnesOrOtherFiles
   std::ofstream(*ServiceSocketPath("file")) << "not a socket";
   EXPECT_FALSE(ListenOnService("file", &error));
   EXPECT_EQ(error, "service path exists and is not a socket");
+}
+
+TEST(MessageSocketTest, ServiceFileAppearsOnlyOnceItAcceptsConnections) {
+  // Clients wait for the file and connect at once; a file that showed up
+  // between bind and listen would refuse them as if the service had gone.
+  const std::string path = *ServiceSocketPath("race");
+  auto files = [] {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(ServiceDirectory()))
+      names.insert(entry.path().filename().string());
+    return names;
+  };
+  const std::set<std::string> before = files();
+  for (int round = 0; round < 200; ++round) {
+    int connectError = -1;
+    std::thread client([&] {
+      while (access(path.c_str(), F_OK) != 0) std::this_thread::yield();
+      ScopedFd fd = ConnectToService("race", &connectError);
+    });
+    std::string error;
+    std::optional<ServiceListener> listener = ListenOnService("race", &error);
+    client.join();
+    ASSERT_TRUE(listener) << error;
+    ASSERT_EQ(connectError, 0) << "round " << round;
+    RemoveServiceSocketFile(*listener);
+  }
+  // Listening leaves no file behind but the service's own.
+  EXPECT_EQ(files(), before);
 }
 
 TEST(MessageSocketTest, ActivationSocketsBelongToTheNamedProcessAndService) {
