@@ -1,14 +1,14 @@
-#include "SearchDaemon/KXDaemonConnection.h"
+#include "kx/KXDaemonConnection.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <utility>
 
-#include "ipc/KXDPQConnection.h"
-#include "ipc/KXDPQMessage.h"
+#include "kx/KXDPQConnection.h"
+#include "kx/KXDPQMessage.h"
 #include "kx/log.h"
-#include "model/KXSearchResult.h"
-#include "platform/activity.h"
+#include "kx/KXSearchResult.h"
+#include "platform/services/activity.h"
 #include "support/keyed_archiver.h"
 
 namespace {

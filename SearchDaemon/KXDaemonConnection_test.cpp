@@ -1,4 +1,4 @@
-#include "SearchDaemon/KXDaemonConnection.h"
+#include "kx/KXDaemonConnection.h"
 
 #include <gtest/gtest.h>
 
@@ -8,10 +8,10 @@
 #include <set>
 
 #include "SearchDaemon/daemon_testing.h"
-#include "feedback/KXFeedback.h"
+#include "kx/KXFeedback.h"
 #include "kx/log.h"
-#include "model/KXSearchResult.h"
-#include "platform/activity.h"
+#include "kx/KXSearchResult.h"
+#include "platform/services/activity.h"
 
 namespace kx {
 namespace {

@@ -1,12 +1,12 @@
-#include "SearchDaemon/KXDaemonQueryToken.h"
+#include "kx/KXDaemonQueryToken.h"
 
 #include <string_view>
 #include <utility>
 
-#include "ipc/KXDPQMessage.h"
+#include "kx/KXDPQMessage.h"
 #include "kx/log.h"
-#include "platform/shared_memory.h"
-#include "transport/KXSearchResultDeserializer.h"
+#include "platform/message/shared_memory.h"
+#include "kx/KXSearchResultDeserializer.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
-#include "SearchDaemon/KXDaemonQueryToken.h"
+#include "kx/KXDaemonQueryToken.h"
 
 #include <gtest/gtest.h>
 
 #include "SearchDaemon/daemon_testing.h"
-#include "ipc/KXDPQMessage.h"
+#include "kx/KXDPQMessage.h"
 
 namespace kx {
 namespace {

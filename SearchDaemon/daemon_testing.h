@@ -19,13 +19,13 @@
 #include <thread>
 #include <vector>
 
-#include "SearchDaemon/KXDaemonQueryToken.h"
+#include "kx/KXDaemonQueryToken.h"
 #include "ipc/dpq_testing.h"
-#include "model/KXSearchResultSection.h"
-#include "platform/child_process.h"
-#include "platform/queue.h"
+#include "kx/KXSearchResultSection.h"
+#include "platform/process/child_process.h"
+#include "kx/queue.h"
 #include "tests/support/test_environment.h"
-#include "transport/KXSearchResultDeserializer.h"
+#include "kx/KXSearchResultDeserializer.h"
 
 namespace kx::test {
 

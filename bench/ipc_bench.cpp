@@ -51,12 +51,12 @@
 #include <vector>
 
 #include "bench/ipc_bench_common.h"
-#include "ipc/KXDPQConnection.h"
-#include "platform/child_process.h"
-#include "platform/message_codec.h"
-#include "platform/message_socket.h"
-#include "platform/shared_memory.h"
-#include "support/property_list.h"
+#include "kx/KXDPQConnection.h"
+#include "platform/process/child_process.h"
+#include "platform/message/message_codec.h"
+#include "platform/message/message_socket.h"
+#include "platform/message/shared_memory.h"
+#include "base/property_list.h"
 
 namespace {
 

@@ -24,7 +24,7 @@
 #include <string>
 
 #include "bench/ipc_bench_common.h"
-#include "ipc/KXDPQServer.h"
+#include "kx/KXDPQServer.h"
 
 namespace {
 

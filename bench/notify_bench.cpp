@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/child_process.h"
-#include "platform/notify.h"
-#include "platform/queue.h"
-#include "platform/statistics.h"
+#include "platform/process/child_process.h"
+#include "platform/notify/notify.h"
+#include "kx/queue.h"
+#include "platform/services/statistics.h"
 
 namespace {
 

@@ -26,11 +26,11 @@
 #include <utility>
 #include <vector>
 
-#include "SearchDaemon/KXDaemonConnection.h"
-#include "model/KXSearchResultSection.h"
-#include "platform/child_process.h"
-#include "platform/message_socket.h"
-#include "transport/KXSearchResultDeserializer.h"
+#include "kx/KXDaemonConnection.h"
+#include "kx/KXSearchResultSection.h"
+#include "platform/process/child_process.h"
+#include "platform/message/message_socket.h"
+#include "kx/KXSearchResultDeserializer.h"
 
 namespace {
 

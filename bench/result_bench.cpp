@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "model/KXSearchResult.h"
+#include "kx/KXSearchResult.h"
 #include "result_stream.pb.h"
 
 namespace {

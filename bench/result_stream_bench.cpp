@@ -43,14 +43,14 @@
 #include <string>
 #include <vector>
 
-#include "model/KXSearchResult.h"
-#include "model/KXSearchResultSection.h"
-#include "model/wire_writer.h"
-#include "platform/shared_memory.h"
+#include "kx/KXSearchResult.h"
+#include "kx/KXSearchResultSection.h"
+#include "kx/WireWriter.h"
+#include "platform/message/shared_memory.h"
 #include "result_stream.pb.h"
 #include "support/secure_archiving.h"
-#include "transport/KXSearchResultDeserializer.h"
-#include "transport/KXSearchResultSerializer.h"
+#include "kx/KXSearchResultDeserializer.h"
+#include "kx/KXSearchResultSerializer.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 
 #include "kx/assert.h"
 #include "kx/log.h"
-#include "platform/device_kind.h"
-#include "platform/home_screen.h"
-#include "platform/localized_strings.h"
-#include "platform/process_info.h"
+#include "platform/process/device_kind.h"
+#include "platform/files/home_screen.h"
+#include "platform/strings/localized_strings.h"
+#include "platform/process/process_info.h"
 
 namespace {
 

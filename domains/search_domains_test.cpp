@@ -7,8 +7,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/localized_strings.h"
-#include "platform/process_info.h"
+#include "platform/strings/localized_strings.h"
+#include "platform/process/process_info.h"
 #include "tests/support/test_environment.h"
 
 namespace {

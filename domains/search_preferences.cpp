@@ -10,8 +10,8 @@
 #include "kx/log.h"
 #include "kx/search_domains.h"
 #include "kx/value.h"
-#include "platform/notify.h"
-#include "platform/preferences.h"
+#include "platform/notify/notify.h"
+#include "platform/prefs/preferences.h"
 
 namespace {
 

@@ -7,9 +7,9 @@
 #include <iterator>
 
 #include "domains/search_preferences_internal.h"
-#include "platform/notify.h"
-#include "platform/preferences.h"
-#include "support/property_list.h"
+#include "platform/notify/notify.h"
+#include "platform/prefs/preferences.h"
+#include "base/property_list.h"
 
 namespace {
 

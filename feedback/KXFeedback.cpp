@@ -1,8 +1,9 @@
-#include "feedback/KXFeedback.h"
+#include "kx/KXFeedback.h"
 
 #include "kx/format.h"
-#include "model/KXSearchResult.h"
-#include "model/KXSearchResultSection.h"
+#include "kx/KXSearchResult.h"
+#include "kx/KXSearchResultSection.h"
+#include "feedback/coded_fields.h"
 
 KXFeedback::KXFeedback() : timestamp_(kx::Date::Now().secondsSinceReferenceDate) {}
 

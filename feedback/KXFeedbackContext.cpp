@@ -1,4 +1,5 @@
-#include "feedback/KXFeedbackContext.h"
+#include "kx/KXFeedbackContext.h"
+#include "feedback/coded_fields.h"
 
 std::span<const kx::FieldSpec<KXFeedbackContext>> KXFeedbackContext::CodedFields() {
   using C = KXFeedbackContext;

@@ -1,4 +1,5 @@
-#include "feedback/KXFeedbackEngagement.h"
+#include "kx/KXFeedbackEngagement.h"
+#include "feedback/coded_fields.h"
 
 std::span<const kx::FieldSpec<KXFeedbackEngagement>> KXFeedbackEngagement::CodedFields() {
   using E = KXFeedbackEngagement;

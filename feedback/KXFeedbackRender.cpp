@@ -1,4 +1,5 @@
-#include "feedback/KXFeedbackRender.h"
+#include "kx/KXFeedbackRender.h"
+#include "feedback/coded_fields.h"
 
 std::span<const kx::FieldSpec<KXFeedbackRender>> KXFeedbackRender::CodedFields() {
   using R = KXFeedbackRender;

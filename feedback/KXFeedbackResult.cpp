@@ -1,4 +1,5 @@
-#include "feedback/KXFeedbackResult.h"
+#include "kx/KXFeedbackResult.h"
+#include "feedback/coded_fields.h"
 
 std::span<const kx::FieldSpec<KXFeedbackResult>> KXFeedbackResult::CodedFields() {
   using R = KXFeedbackResult;

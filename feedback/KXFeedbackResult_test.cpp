@@ -1,8 +1,8 @@
-#include "feedback/KXFeedbackResult.h"
+#include "kx/KXFeedbackResult.h"
 
 #include <gtest/gtest.h>
 
-#include "feedback/feedback_test_support.h"
+#include "feedback/feedback_testing.h"
 
 namespace kx::test {
 namespace {

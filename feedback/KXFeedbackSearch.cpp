@@ -1,4 +1,5 @@
-#include "feedback/KXFeedbackSearch.h"
+#include "kx/KXFeedbackSearch.h"
+#include "feedback/coded_fields.h"
 
 std::shared_ptr<KXFeedbackSearch> KXFeedbackSearch::feedbackForQueryId(
     std::optional<kx::Number> queryId) {

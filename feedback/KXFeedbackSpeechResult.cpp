@@ -1,4 +1,5 @@
-#include "feedback/KXFeedbackSpeechResult.h"
+#include "kx/KXFeedbackSpeechResult.h"
+#include "feedback/coded_fields.h"
 
 std::span<const kx::FieldSpec<KXFeedbackSpeechResult>> KXFeedbackSpeechResult::CodedFields() {
   using S = KXFeedbackSpeechResult;

@@ -1,6 +1,7 @@
-#include "feedback/KXFeedbackVoiceSearch.h"
+#include "kx/KXFeedbackVoiceSearch.h"
 
 #include "kx/format.h"
+#include "feedback/coded_fields.h"
 
 KXFeedbackVoiceSearch::KXFeedbackVoiceSearch()
     : growable_(std::make_shared<SpeechResultList>()) {

@@ -1,12 +1,12 @@
-#include "feedback/KXFeedback.h"
+#include "kx/KXFeedback.h"
 
 #include <gtest/gtest.h>
 
-#include "feedback/KXFeedbackEngagement.h"
-#include "feedback/KXFeedbackVoiceSearch.h"
-#include "feedback/feedback_test_support.h"
-#include "model/KXSearchResult.h"
-#include "model/KXSearchResultSection.h"
+#include "kx/KXFeedbackEngagement.h"
+#include "kx/KXFeedbackVoiceSearch.h"
+#include "feedback/feedback_testing.h"
+#include "kx/KXSearchResult.h"
+#include "kx/KXSearchResultSection.h"
 
 namespace kx::test {
 namespace {

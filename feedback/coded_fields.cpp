@@ -40,3 +40,9 @@ void RejectFieldValue(KeyedUnarchiver& coder, std::string_view key, std::string_
 }
 
 }  // namespace kx::field_coding
+
+namespace kx {
+
+bool UnarchiverFailed(const KeyedUnarchiver& coder) { return coder.failed(); }
+
+}  // namespace kx

@@ -47,6 +47,7 @@
 
 #include "feedback/feedback_time.h"
 #include "kx/value.h"
+#include "kx/feedback_coding.h"
 #include "support/archivable.h"
 #include "support/keyed_archiver.h"
 #include "support/keyed_unarchiver.h"
@@ -58,24 +59,6 @@ enum FieldOption : unsigned {
   kUnrestricted = 1u << 0,   // decoded without a class restriction
   kOmitWhenEmpty = 1u << 1,  // no key for an absent or empty value
   kAsInteger = 1u << 2,      // a double written and read as a whole number
-};
-
-template <class T>
-struct FieldSpec {
-  std::string_view key;
-  unsigned options;
-  void (*encode)(const T& record, KeyedArchiver& coder, std::string_view key, unsigned options);
-  void (*decode)(T& record, KeyedUnarchiver& coder, std::string_view key, unsigned options);
-};
-
-// Root of the field-coded records: archivable with nothing of its own.
-// Every such record declares secure coding support, since it checks the
-// class of everything it decodes.
-class CodedRoot : public Object, public Archivable {
- public:
-  void encodeWithCoder(KeyedArchiver&) const override {}
-  bool initWithCoder(KeyedUnarchiver&) override { return true; }
-  bool supportsSecureCoding() const override { return true; }
 };
 
 namespace field_coding {
@@ -231,35 +214,5 @@ constexpr auto Field(std::string_view key, unsigned options = kFieldDefault) {
         (record.*Setter)(field_coding::Decode<V>(coder, k, o));
       }};
 }
-
-// Gives a record class its class name, its `feedback` factory and its keyed
-// coding from its table. `Self` declares `kClassName` and a private static
-// `CodedFields()` returning its rows, and befriends this class.
-template <class Self, class Base>
-class Coded : public Base {
- public:
-  // A new, empty record of the class.
-  static std::shared_ptr<Self> feedback() { return std::make_shared<Self>(); }
-
-  std::string className() const override { return Self::kClassName; }
-
-  void encodeWithCoder(KeyedArchiver& coder) const override {
-    Base::encodeWithCoder(coder);
-    const Self& self = static_cast<const Self&>(*this);
-    for (const FieldSpec<Self>& field : Self::CodedFields()) {
-      field.encode(self, coder, field.key, field.options);
-    }
-  }
-
-  bool initWithCoder(KeyedUnarchiver& coder) override {
-    if (!Base::initWithCoder(coder)) return false;
-    Self& self = static_cast<Self&>(*this);
-    for (const FieldSpec<Self>& field : Self::CodedFields()) {
-      field.decode(self, coder, field.key, field.options);
-      if (coder.failed()) return false;
-    }
-    return true;
-  }
-};
 
 }  // namespace kx

@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "feedback/KXFeedbackEngagement.h"
-#include "feedback/feedback_test_support.h"
+#include "kx/KXFeedbackEngagement.h"
+#include "feedback/feedback_testing.h"
 
 namespace kx::test {
 namespace {

@@ -3,14 +3,14 @@
 #include <exception>
 #include <mutex>
 
-#include "feedback/KXFeedback.h"
-#include "feedback/KXFeedbackContext.h"
-#include "feedback/KXFeedbackEngagement.h"
-#include "feedback/KXFeedbackRender.h"
-#include "feedback/KXFeedbackResult.h"
-#include "feedback/KXFeedbackSearch.h"
-#include "feedback/KXFeedbackSpeechResult.h"
-#include "feedback/KXFeedbackVoiceSearch.h"
+#include "kx/KXFeedback.h"
+#include "kx/KXFeedbackContext.h"
+#include "kx/KXFeedbackEngagement.h"
+#include "kx/KXFeedbackRender.h"
+#include "kx/KXFeedbackResult.h"
+#include "kx/KXFeedbackSearch.h"
+#include "kx/KXFeedbackSpeechResult.h"
+#include "kx/KXFeedbackVoiceSearch.h"
 #include "kx/log.h"
 #include "support/keyed_archive_format.h"
 #include "support/keyed_archiver.h"

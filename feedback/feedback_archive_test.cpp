@@ -5,12 +5,12 @@
 #include <functional>
 #include <limits>
 
-#include "feedback/KXFeedbackContext.h"
-#include "feedback/KXFeedbackEngagement.h"
-#include "feedback/KXFeedbackRender.h"
-#include "feedback/KXFeedbackSearch.h"
-#include "feedback/KXFeedbackVoiceSearch.h"
-#include "feedback/feedback_test_support.h"
+#include "kx/KXFeedbackContext.h"
+#include "kx/KXFeedbackEngagement.h"
+#include "kx/KXFeedbackRender.h"
+#include "kx/KXFeedbackSearch.h"
+#include "kx/KXFeedbackVoiceSearch.h"
+#include "feedback/feedback_testing.h"
 
 namespace kx::test {
 namespace {

@@ -8,12 +8,12 @@
 #include <utility>
 #include <vector>
 
-#include "feedback/KXFeedback.h"
-#include "feedback/KXFeedbackContext.h"
-#include "feedback/KXFeedbackEngagement.h"
-#include "feedback/KXFeedbackRender.h"
-#include "feedback/KXFeedbackSearch.h"
-#include "feedback/KXFeedbackVoiceSearch.h"
+#include "kx/KXFeedback.h"
+#include "kx/KXFeedbackContext.h"
+#include "kx/KXFeedbackEngagement.h"
+#include "kx/KXFeedbackRender.h"
+#include "kx/KXFeedbackSearch.h"
+#include "kx/KXFeedbackVoiceSearch.h"
 #include "feedback/feedback_time.h"
 #include "feedback/vnt_records.h"
 #include "kx/KXDomainManager.h"

@@ -5,11 +5,11 @@
 #include <cmath>
 #include <limits>
 
-#include "feedback/KXFeedbackContext.h"
-#include "feedback/KXFeedbackEngagement.h"
-#include "feedback/KXFeedbackRender.h"
-#include "feedback/KXFeedbackSearch.h"
-#include "feedback/KXFeedbackVoiceSearch.h"
+#include "kx/KXFeedbackContext.h"
+#include "kx/KXFeedbackEngagement.h"
+#include "kx/KXFeedbackRender.h"
+#include "kx/KXFeedbackSearch.h"
+#include "kx/KXFeedbackVoiceSearch.h"
 #include "feedback/vnt_records.h"
 
 namespace kx {

@@ -11,10 +11,10 @@
 #include <span>
 #include <vector>
 
-#include "feedback/KXFeedback.h"
+#include "kx/KXFeedback.h"
 #include "feedback/feedback_archive.h"
 #include "feedback/vnt_records.h"
-#include "support/property_list.h"
+#include "base/property_list.h"
 
 namespace {
 

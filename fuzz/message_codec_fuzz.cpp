@@ -14,7 +14,7 @@
 #include <span>
 #include <vector>
 
-#include "platform/message_codec.h"
+#include "platform/message/message_codec.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 3) return 0;

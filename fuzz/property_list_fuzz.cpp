@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "support/property_list.h"
+#include "base/property_list.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   kx::PropertyListResult r = kx::DecodeBinaryPropertyList(std::span(data, size));

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "model/KXSearchResult.h"
+#include "kx/KXSearchResult.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   WireReader skip(data, size);

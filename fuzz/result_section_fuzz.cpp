@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "model/KXSearchResultSection.h"
+#include "kx/KXSearchResultSection.h"
 
 namespace {
 

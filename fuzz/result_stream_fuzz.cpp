@@ -13,9 +13,9 @@
 #include <memory>
 #include <vector>
 
-#include "model/KXSearchResultSection.h"
-#include "model/wire_writer.h"
-#include "transport/KXSearchResultDeserializer.h"
+#include "kx/KXSearchResultSection.h"
+#include "kx/WireWriter.h"
+#include "kx/KXSearchResultDeserializer.h"
 
 namespace {
 

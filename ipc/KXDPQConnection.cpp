@@ -1,4 +1,4 @@
-#include "ipc/KXDPQConnection.h"
+#include "kx/KXDPQConnection.h"
 
 #include <unistd.h>
 
@@ -8,6 +8,9 @@
 #include "kx/assert.h"
 #include "kx/format.h"
 #include "kx/log.h"
+#include "platform/message/message_connection.h"
+#include "platform/message/message_object.h"
+#include "platform/message/shared_memory.h"
 
 namespace {
 

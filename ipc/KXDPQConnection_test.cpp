@@ -1,11 +1,12 @@
-#include "ipc/KXDPQConnection.h"
+#include "kx/KXDPQConnection.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include "ipc/dpq_testing.h"
 #include "kx/assert.h"
-#include "platform/shared_memory.h"
+#include "platform/message/shared_memory.h"
+#include "tests/support/assertion_recorder.h"
 
 namespace kx {
 namespace {

@@ -1,10 +1,13 @@
-#include "ipc/KXDPQMessage.h"
+#include "kx/KXDPQMessage.h"
 
 #include <utility>
 
 #include "kx/assert.h"
 #include "kx/log.h"
-#include "support/property_list.h"
+#include "base/property_list.h"
+#include "platform/message/message_connection.h"
+#include "platform/message/message_object.h"
+#include "platform/message/shared_memory.h"
 
 namespace {
 

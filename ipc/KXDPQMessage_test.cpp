@@ -1,13 +1,14 @@
-#include "ipc/KXDPQMessage.h"
+#include "kx/KXDPQMessage.h"
 
 #include <gtest/gtest.h>
 
 #include <fstream>
 
-#include "ipc/KXDPQServer.h"
+#include "kx/KXDPQServer.h"
 #include "ipc/dpq_testing.h"
 #include "kx/assert.h"
-#include "support/property_list.h"
+#include "base/property_list.h"
+#include "tests/support/assertion_recorder.h"
 
 namespace kx {
 namespace {

@@ -1,9 +1,12 @@
-#include "ipc/KXDPQServer.h"
+#include "kx/KXDPQServer.h"
 
 #include <mutex>
 #include <utility>
 
 #include "kx/log.h"
+#include "platform/message/message_connection.h"
+#include "platform/message/message_object.h"
+#include "platform/message/shared_memory.h"
 
 KXDPQServer::KXDPQServer(Passkey, std::shared_ptr<kx::Queue> queue)
     : connectionsQueue_(kx::Queue::Create("connection_queue")),

@@ -1,4 +1,4 @@
-#include "ipc/KXDPQServer.h"
+#include "kx/KXDPQServer.h"
 
 #include <gtest/gtest.h>
 

@@ -14,12 +14,15 @@
 #include <string>
 #include <vector>
 
-#include "ipc/KXDPQConnection.h"
-#include "ipc/KXDPQMessage.h"
+#include "kx/KXDPQConnection.h"
+#include "kx/KXDPQMessage.h"
 #include "kx/log.h"
-#include "platform/helper_process_testing.h"
-#include "platform/message_socket.h"
+#include "platform/process/helper_process_testing.h"
+#include "platform/message/message_socket.h"
 #include "support/log_file.h"
+#include "platform/message/message_connection.h"
+#include "platform/message/message_object.h"
+#include "platform/message/shared_memory.h"
 
 namespace kx::test {
 

@@ -1,4 +1,4 @@
-#include "model/KXContentResult.h"
+#include "kx/KXContentResult.h"
 
 KXContentResult::KXContentResult() = default;
 KXContentResult::~KXContentResult() = default;

@@ -1,4 +1,4 @@
-#include "model/KXContentResult.h"
+#include "kx/KXContentResult.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "model/KXSearchResult.h"
+#include "kx/KXSearchResult.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,4 +1,6 @@
-#include "model/KXSearchResultSection.h"
+#include "kx/KXSearchResultSection.h"
+
+#include "model/result_set.h"
 
 #include <typeinfo>
 
@@ -26,6 +28,10 @@ enum Tag : uint32_t {
 KXSearchResultSection::KXSearchResultSection() = default;
 KXSearchResultSection::~KXSearchResultSection() = default;
 
+size_t KXSearchResultSection::resultsCount() const {
+  return resultSet_ ? resultSet_->count() : 0;
+}
+
 // ---------------------------------------------------------------------------
 // Hidden results
 
@@ -43,7 +49,7 @@ void KXSearchResultSection::addHiddenExtResult(const kx::Value& entry) {
 // Results
 
 kx::ResultSet& KXSearchResultSection::ensureResultSet() {
-  if (!resultSet_) resultSet_.emplace();
+  if (!resultSet_) resultSet_ = std::make_unique<kx::ResultSet>();
   return *resultSet_;
 }
 
@@ -238,7 +244,7 @@ bool KXSearchResultSection::isEqual(const kx::Object& other) const {
   }
   if ((has_ & kHasFlags) != (o.has_ & kHasFlags)) return false;
   if ((has_ & kHasFlags) && flags_ != o.flags_) return false;
-  if (resultSet_.has_value() != o.resultSet_.has_value()) return false;
+  if (bool(resultSet_) != bool(o.resultSet_)) return false;
   if (resultSet_ && !resultSet_->isEqual(*o.resultSet_)) return false;
   return resultSetIdentifier_ == o.resultSetIdentifier_;
 }

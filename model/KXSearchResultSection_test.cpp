@@ -1,11 +1,11 @@
-#include "model/KXSearchResultSection.h"
+#include "kx/KXSearchResultSection.h"
 
 #include <gtest/gtest.h>
 
 #include <vector>
 
 #include "kx/exception.h"
-#include "model/record_test_support.h"
+#include "model/record_testing.h"
 #include "support/keyed_archiver.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "model/KXSearchResult.h"
+#include "kx/KXSearchResult.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -8,9 +8,9 @@
 #include <fstream>
 #include <thread>
 
-#include "model/record_test_support.h"
-#include "platform/file_id_service.h"
-#include "platform/process_info.h"
+#include "model/record_testing.h"
+#include "platform/files/file_id_service.h"
+#include "platform/process/process_info.h"
 #include "support/archivable_images.h"
 #include "support/secure_archiving.h"
 

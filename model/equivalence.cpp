@@ -2,8 +2,8 @@
 // a repeated result into the one already sent ask whether two results stand
 // for the same item, which identifiers and URLs answer better than the
 // external identity that isEqual looks at.
-#include "model/KXSearchResult.h"
-#include "model/KXSearchResultSection.h"
+#include "kx/KXSearchResult.h"
+#include "kx/KXSearchResultSection.h"
 
 namespace {
 

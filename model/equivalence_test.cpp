@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "model/KXSearchResult.h"
-#include "model/KXSearchResultSection.h"
+#include "kx/KXSearchResult.h"
+#include "kx/KXSearchResultSection.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <string>
 #include <string_view>
 
-#include "model/wire_reader.h"
+#include "kx/WireReader.h"
 
 namespace kx {
 

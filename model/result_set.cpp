@@ -4,7 +4,7 @@
 
 #include "kx/exception.h"
 #include "kx/format.h"
-#include "model/KXSearchResult.h"
+#include "kx/KXSearchResult.h"
 
 namespace kx {
 

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "kx/exception.h"
-#include "model/KXSearchResult.h"
+#include "kx/KXSearchResult.h"
 
 namespace kx {
 namespace {

@@ -1,4 +1,4 @@
-#include "model/wire_codable.h"
+#include "kx/WireCodable.h"
 
 std::vector<uint8_t> WireCodable::data() const {
   WireWriter writer;

@@ -1,4 +1,4 @@
-#include "model/wire_reader.h"
+#include "kx/WireReader.h"
 
 uint64_t WireReader::readVarintSlow() {
   // Fewer than ten bytes remain: check each one.

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "model/wire_codable.h"
-#include "model/wire_reader.h"
-#include "model/wire_writer.h"
+#include "kx/WireCodable.h"
+#include "kx/WireReader.h"
+#include "kx/WireWriter.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
-#include "model/wire_writer.h"
+#include "kx/WireWriter.h"
 
 #include <cstdlib>
 #include <new>
 #include <utility>
 
-#include "model/wire_codable.h"
+#include "kx/WireCodable.h"
 
 WireWriter::~WireWriter() { std::free(buffer_); }
 

@@ -20,6 +20,7 @@
 #include <string_view>
 #include <vector>
 
+#include "kx/archivable.h"
 #include "kx/value.h"
 
 namespace kx {
@@ -47,20 +48,6 @@ bool IsPlainValueClass(std::string_view name);
 // The class name an archive records for `value` (nil has none: empty).
 std::string ArchiveClassNameOf(const Value& value);
 
-class Archivable {
- public:
-  virtual ~Archivable() = default;
-  // Writes the record's fields under its keys. A subclass calls its parent's
-  // encodeWithCoder first.
-  virtual void encodeWithCoder(KeyedArchiver& coder) const = 0;
-  // Reads the fields into this empty instance. Returning false makes the
-  // record decode as nil; calling coder.failWithError fails the whole
-  // archive. A subclass calls its parent's initWithCoder first.
-  virtual bool initWithCoder(KeyedUnarchiver& coder) = 0;
-  // Classes that validate what they decode declare it; only they are
-  // archived and unarchived when secure coding is required.
-  virtual bool supportsSecureCoding() const { return false; }
-};
 
 // Makes an empty instance of one record class; it must derive from
 // Archivable.

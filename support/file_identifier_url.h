@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "kx/file_identifier_url.h"
-#include "platform/file_id_service.h"
+#include "platform/files/file_id_service.h"
 
 namespace kx {
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "kx/log.h"
-#include "platform/process_info.h"
+#include "platform/process/process_info.h"
 #include "support/log_file.h"
 
 namespace kx {

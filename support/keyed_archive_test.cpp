@@ -6,7 +6,7 @@
 #include "support/keyed_archive_format.h"
 #include "support/keyed_archiver.h"
 #include "support/keyed_unarchiver.h"
-#include "support/property_list.h"
+#include "base/property_list.h"
 
 namespace kx {
 namespace {

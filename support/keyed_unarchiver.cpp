@@ -7,7 +7,7 @@
 
 #include "kx/log.h"
 #include "support/keyed_archive_format.h"
-#include "support/property_list.h"
+#include "base/property_list.h"
 
 namespace kx {
 

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "platform/process_info.h"
+#include "platform/process/process_info.h"
 
 namespace kx {
 

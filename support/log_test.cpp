@@ -4,7 +4,7 @@
 // before the first header brings in <functional>.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
-#include "kx/log.h"
+#include "kx/log_init.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -19,8 +19,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform/preferences.h"
-#include "platform/process_info.h"
+#include "platform/prefs/preferences.h"
+#include "platform/process/process_info.h"
 #include "support/log_file.h"
 
 // Every test runs in a process of its own with a private HOME, so the

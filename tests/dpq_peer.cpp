@@ -34,12 +34,12 @@
 #include <thread>
 #include <vector>
 
-#include "ipc/KXDPQConnection.h"
-#include "ipc/KXDPQMessage.h"
-#include "ipc/KXDPQServer.h"
-#include "platform/main_loop.h"
-#include "platform/queue.h"
-#include "platform/shared_memory.h"
+#include "kx/KXDPQConnection.h"
+#include "kx/KXDPQMessage.h"
+#include "kx/KXDPQServer.h"
+#include "kx/main_loop.h"
+#include "kx/queue.h"
+#include "platform/message/shared_memory.h"
 
 namespace {
 

@@ -25,9 +25,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/message_connection.h"
-#include "platform/queue.h"
-#include "platform/shared_memory.h"
+#include "platform/message/message_connection.h"
+#include "kx/queue.h"
+#include "platform/message/shared_memory.h"
 
 namespace {
 

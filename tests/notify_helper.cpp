@@ -13,9 +13,9 @@
 #include <cstring>
 #include <string>
 
-#include "platform/main_loop.h"
-#include "platform/notify.h"
-#include "platform/queue.h"
+#include "kx/main_loop.h"
+#include "platform/notify/notify.h"
+#include "kx/queue.h"
 
 namespace {
 

@@ -16,8 +16,8 @@
 #include <cstring>
 #include <string>
 
-#include "platform/preferences.h"
-#include "platform/process_info.h"
+#include "platform/prefs/preferences.h"
+#include "platform/process/process_info.h"
 
 namespace {
 

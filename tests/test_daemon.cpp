@@ -49,17 +49,17 @@
 #include <thread>
 #include <vector>
 
-#include "feedback/KXFeedback.h"
+#include "kx/KXFeedback.h"
 #include "feedback/feedback_archive.h"
-#include "ipc/KXDPQConnection.h"
-#include "ipc/KXDPQMessage.h"
-#include "ipc/KXDPQServer.h"
+#include "kx/KXDPQConnection.h"
+#include "kx/KXDPQMessage.h"
+#include "kx/KXDPQServer.h"
 #include "kx/format.h"
-#include "model/KXSearchResult.h"
-#include "model/KXSearchResultSection.h"
-#include "platform/main_loop.h"
-#include "platform/queue.h"
-#include "transport/KXSearchResultSerializer.h"
+#include "kx/KXSearchResult.h"
+#include "kx/KXSearchResultSection.h"
+#include "kx/main_loop.h"
+#include "kx/queue.h"
+#include "kx/KXSearchResultSerializer.h"
 
 namespace {
 

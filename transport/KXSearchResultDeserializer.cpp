@@ -1,4 +1,4 @@
-#include "transport/KXSearchResultDeserializer.h"
+#include "kx/KXSearchResultDeserializer.h"
 
 #include <sys/mman.h>
 
@@ -7,9 +7,9 @@
 
 #include "kx/assert.h"
 #include "kx/log.h"
-#include "model/KXSearchResultSection.h"
-#include "platform/shared_memory.h"
-#include "transport/KXSearchResultSerializer.h"
+#include "kx/KXSearchResultSection.h"
+#include "platform/message/shared_memory.h"
+#include "kx/KXSearchResultSerializer.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "transport/KXSearchResultDeserializer.h"
+#include "kx/KXSearchResultDeserializer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,9 +12,10 @@
 #include "kx/assert.h"
 #include "kx/format.h"
 #include "kx/log.h"
-#include "model/wire_writer.h"
-#include "platform/shared_memory.h"
+#include "kx/WireWriter.h"
+#include "platform/message/shared_memory.h"
 #include "transport/result_stream_testing.h"
+#include "tests/support/assertion_recorder.h"
 
 namespace {
 

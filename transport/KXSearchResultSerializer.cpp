@@ -1,4 +1,4 @@
-#include "transport/KXSearchResultSerializer.h"
+#include "kx/KXSearchResultSerializer.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -9,11 +9,11 @@
 #include "kx/exception.h"
 #include "kx/log.h"
 #include "kx/search_domains.h"
-#include "model/KXSearchResult.h"
-#include "model/KXSearchResultSection.h"
-#include "model/wire_writer.h"
-#include "platform/shared_memory.h"
-#include "transport/foreign_result.h"
+#include "kx/KXSearchResult.h"
+#include "kx/KXSearchResultSection.h"
+#include "kx/WireWriter.h"
+#include "platform/message/shared_memory.h"
+#include "kx/KXSearchResultProtocol.h"
 
 namespace {
 

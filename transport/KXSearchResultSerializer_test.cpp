@@ -1,4 +1,4 @@
-#include "transport/KXSearchResultSerializer.h"
+#include "kx/KXSearchResultSerializer.h"
 
 #include <gtest/gtest.h>
 
@@ -10,9 +10,10 @@
 
 #include "kx/assert.h"
 #include "kx/exception.h"
-#include "platform/shared_memory.h"
-#include "transport/foreign_result.h"
+#include "platform/message/shared_memory.h"
+#include "kx/KXSearchResultProtocol.h"
 #include "transport/result_stream_testing.h"
+#include "tests/support/assertion_recorder.h"
 
 namespace {
 

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "model/KXSearchResult.h"
-#include "model/KXSearchResultSection.h"
-#include "transport/KXSearchResultDeserializer.h"
+#include "kx/KXSearchResult.h"
+#include "kx/KXSearchResultSection.h"
+#include "kx/KXSearchResultDeserializer.h"
 
 namespace kx::test {
 

@@ -7,6 +7,8 @@
 // between calls and registering or uninstalling has no lasting effect.
 #pragma once
 
+#include "kx/export.h"
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -14,7 +16,7 @@
 #include <string_view>
 #include <vector>
 
-class KXDomainManager {
+class KX_EXPORT KXDomainManager {
  public:
   // The shared instance, created (with a fresh mapping) when none exists.
   static std::shared_ptr<KXDomainManager> defaultManager();

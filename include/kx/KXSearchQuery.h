@@ -11,6 +11,8 @@
 // builds the query until it hands the query over.
 #pragma once
 
+#include "kx/export.h"
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -20,7 +22,7 @@
 
 #include "kx/value.h"
 
-class KXSearchQuery : public kx::Object {
+class KX_EXPORT KXSearchQuery : public kx::Object {
   struct PrivateTag {};
 
  public:

@@ -9,12 +9,10 @@
 // the process after the handler returns.
 #pragma once
 
-#include <chrono>
-#include <cstddef>
+#include "kx/export.h"
+
 #include <functional>
-#include <memory>
 #include <string>
-#include <vector>
 
 namespace kx {
 
@@ -31,36 +29,11 @@ using AssertionHandler = std::function<void(const AssertionFailure&)>;
 
 // Installs a handler (an empty one restores the default); returns the
 // previous one. Safe to call from any thread.
-AssertionHandler SetAssertionHandler(AssertionHandler handler);
+KX_EXPORT AssertionHandler SetAssertionHandler(AssertionHandler handler);
 
 // Reports a failed assertion through the current handler.
-void AssertionFailed(AssertionStrength strength, const std::string& text, const char* file,
+KX_EXPORT void AssertionFailed(AssertionStrength strength, const std::string& text, const char* file,
                      int line);
-
-// Test support: while alive, records every assertion fired on any thread
-// instead of throwing or logging it (a Fatal one still stops the process).
-// Assertions that fire on a queue cannot be caught as exceptions; this is
-// how tests observe them. Restores the previous handler when destroyed, so
-// recorders must be destroyed in reverse order of creation.
-class ScopedAssertionRecorder {
- public:
-  ScopedAssertionRecorder();
-  ~ScopedAssertionRecorder();
-  ScopedAssertionRecorder(const ScopedAssertionRecorder&) = delete;
-  ScopedAssertionRecorder& operator=(const ScopedAssertionRecorder&) = delete;
-
-  // Snapshots, in the order the assertions fired.
-  std::vector<AssertionFailure> failures() const;
-  std::vector<std::string> texts() const;
-  // Waits until at least `count` assertions have been recorded; false when
-  // `timeout` passed first.
-  bool WaitForCount(size_t count, std::chrono::milliseconds timeout) const;
-
- private:
-  struct State;
-  std::shared_ptr<State> state_;  // shared with the installed handler
-  AssertionHandler previous_;
-};
 
 }  // namespace kx
 

@@ -1,6 +1,8 @@
 // Typed exceptions for operations that "raise with a reason".
 #pragma once
 
+#include "kx/export.h"
+
 #include <stdexcept>
 #include <string>
 
@@ -8,7 +10,7 @@ namespace kx {
 
 // Base of every exception the library raises. `name()` is the exception's
 // kind as the platform would spell it; `reason()` is the fixed text.
-class Exception : public std::runtime_error {
+class KX_EXPORT Exception : public std::runtime_error {
  public:
   Exception(std::string name, std::string reason)
       : std::runtime_error(reason), name_(std::move(name)), reason_(std::move(reason)) {}
@@ -20,20 +22,20 @@ class Exception : public std::runtime_error {
   std::string reason_;
 };
 
-class InternalInconsistencyException : public Exception {
+class KX_EXPORT InternalInconsistencyException : public Exception {
  public:
   explicit InternalInconsistencyException(std::string reason)
       : Exception("NSInternalInconsistencyException", std::move(reason)) {}
 };
 
-class InvalidArgumentException : public Exception {
+class KX_EXPORT InvalidArgumentException : public Exception {
  public:
   explicit InvalidArgumentException(std::string reason)
       : Exception("NSInvalidArgumentException", std::move(reason)) {}
 };
 
 // Thrown by raising assertions in development and test builds.
-class AssertionException : public Exception {
+class KX_EXPORT AssertionException : public Exception {
  public:
   explicit AssertionException(std::string text)
       : Exception("KXAssertionFailure", std::move(text)) {}

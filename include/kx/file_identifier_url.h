@@ -7,6 +7,8 @@
 // resolving them finds where the document is now.
 #pragma once
 
+#include "kx/export.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -18,7 +20,7 @@
 // report `documentID`. Nothing (logged) when `documentID` is absent or no
 // step finds the document. Safe to call from any thread; blocks on file
 // system access.
-std::optional<kx::URL> kx_URLFromFileID(std::optional<uint64_t> fileID,
+KX_EXPORT std::optional<kx::URL> kx_URLFromFileID(std::optional<uint64_t> fileID,
                                         const std::optional<std::string>& filename,
                                         std::optional<uint64_t> parentFileID,
                                         std::optional<uint32_t> documentID);

@@ -15,6 +15,8 @@
 // directive is copied as it stands. Width and precision saturate at 2^20.
 #pragma once
 
+#include "kx/export.h"
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -28,7 +30,7 @@
 
 namespace kx {
 
-class FormatArg {
+class KX_EXPORT FormatArg {
  public:
   template <class T>
     requires(std::is_integral_v<T> && std::is_signed_v<T> && !std::is_same_v<T, bool>)
@@ -69,7 +71,7 @@ class FormatArg {
   Storage v_;
 };
 
-std::string FormatV(std::string_view format, std::span<const FormatArg> args);
+KX_EXPORT std::string FormatV(std::string_view format, std::span<const FormatArg> args);
 
 template <class... Args>
 std::string Format(std::string_view format, const Args&... args) {

@@ -5,6 +5,8 @@
 // system-log scale: 2 critical, 3 error, 5 notice, 6 info, 7 debug.
 #pragma once
 
+#include "kx/export.h"
+
 #include <atomic>
 #include <cstdint>
 #include <span>
@@ -13,10 +15,10 @@
 #include "kx/format.h"
 
 // File threshold; also the guard read by every logging site.
-extern std::atomic<int32_t> gKXLogLevel;
+extern KX_EXPORT std::atomic<int32_t> gKXLogLevel;
 
 // The core: formats once per sink and writes the console and file lines.
-void KXLogV(const char* path, int line, int level, std::string_view format,
+KX_EXPORT void KXLogV(const char* path, int line, int level, std::string_view format,
             std::span<const kx::FormatArg> args);
 
 template <class... Args>
@@ -26,10 +28,8 @@ void _KXLog(const char* path, int line, int level, std::string_view format,
   KXLogV(path, line, level, format, std::span<const kx::FormatArg>(captured, sizeof...(Args)));
 }
 
-// Reads "KXLogLevel" from the process's user defaults, once per process.
-void KXLogInit();
-void setKXLogLevel(int level);
-void setKXLogOutputLevel(int level);
+KX_EXPORT void setKXLogLevel(int level);
+KX_EXPORT void setKXLogOutputLevel(int level);
 
 #define KXLOG(level, ...)                                                        \
   do {                                                                           \

@@ -3,6 +3,8 @@
 // from any thread.
 #pragma once
 
+#include "kx/export.h"
+
 #include <optional>
 #include <string>
 
@@ -10,8 +12,8 @@
 // library directory joined with "Skylume". The directory is not created.
 // Absent (and logged) when the user library directory cannot be determined;
 // the answer of the first call is kept either way.
-std::optional<std::string> KXSkylumeSupportDirectoryPath();
+KX_EXPORT std::optional<std::string> KXSkylumeSupportDirectoryPath();
 
 // The library's resource bundle, with symbolic links resolved (left as named
 // when it cannot be resolved).
-std::string KXSearchFrameworkPath();
+KX_EXPORT std::string KXSearchFrameworkPath();

@@ -12,6 +12,8 @@
 // All functions may be called from any thread; each reads the store afresh.
 #pragma once
 
+#include "kx/export.h"
+
 #include <cstdint>
 #include <optional>
 #include <set>
@@ -45,39 +47,39 @@ inline constexpr char SearchVantleServerURLKey[] = "SearchVantleServerURLKey";
 inline constexpr char SearchVantleSuggestionsEnabledKey[] = "SearchVantleSuggestionsEnabled";
 
 // The user's stored domain order as keys; nullopt when none is stored.
-std::optional<std::vector<std::string>> KXCopyPrefsDomains();
+KX_EXPORT std::optional<std::vector<std::string>> KXCopyPrefsDomains();
 // True when no domain order is stored.
-bool KXDomainOrderingIsTransient();
+KX_EXPORT bool KXDomainOrderingIsTransient();
 // Every searchable domain in the user's order (top hits first when asked),
 // with server suggestions always present and web search kept last unless
 // the user placed it; settings, cloud documents and map categories never
 // appear.
-std::vector<uint32_t> KXGetDomainOrdering(bool includeTopHits);
+KX_EXPORT std::vector<uint32_t> KXGetDomainOrdering(bool includeTopHits);
 // The zero-keyword order: 22, 2, 4, 23, 21, 16.
-std::vector<uint32_t> KXGetZKWDomainOrdering();
+KX_EXPORT std::vector<uint32_t> KXGetZKWDomainOrdering();
 
 // The stored disabled domain keys (after migration only internet domains);
 // nullopt when none are stored.
-std::optional<std::vector<std::string>> KXCopyPrefsDisabledDomains();
+KX_EXPORT std::optional<std::vector<std::string>> KXCopyPrefsDisabledDomains();
 // The disabled domain numbers; unless `forPrefs`, 16 and 17 too while the
 // internet domains are not both available and enabled.
-std::set<uint32_t> KXGetDisabledDomains(bool forPrefs);
+KX_EXPORT std::set<uint32_t> KXGetDisabledDomains(bool forPrefs);
 // The stored disabled domain keys as a set.
-std::set<std::string> KXGetDisabledDomainSet();
+KX_EXPORT std::set<std::string> KXGetDisabledDomainSet();
 // The disabled bundle identifiers; applications can never be disabled.
-std::set<std::string> KXGetDisabledBundleSet();
+KX_EXPORT std::set<std::string> KXGetDisabledBundleSet();
 
 // The enabled domains in search order.
-std::vector<uint32_t> KXSearchDomains();
+KX_EXPORT std::vector<uint32_t> KXSearchDomains();
 // The enabled zero-keyword domains; empty when zero-keyword suggestions
 // (22) are disabled.
-std::vector<uint32_t> KXZKWSearchDomains(bool includeInternetDomains);
+KX_EXPORT std::vector<uint32_t> KXZKWSearchDomains(bool includeInternetDomains);
 
-bool KXGetInternetDomainsAvailable();
-void KXSetInternetDomainsAvailable(bool available);
+KX_EXPORT bool KXGetInternetDomainsAvailable();
+KX_EXPORT void KXSetInternetDomainsAvailable(bool available);
 // The process's own switch for internet domains (initially on), combined
 // with the user's choice of domains.
-bool KXGetInternetDomainsEnabled();
-void KXSetInternetDomainsEnabled(bool enabled);
+KX_EXPORT bool KXGetInternetDomainsEnabled();
+KX_EXPORT void KXSetInternetDomainsEnabled(bool enabled);
 // Whether turning the process's switch on would enable internet domains.
-bool KXCanEnableInternetDomains();
+KX_EXPORT bool KXCanEnableInternetDomains();

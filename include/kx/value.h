@@ -11,6 +11,8 @@
 // `kx::Object` and travel inside a Value as an object reference.
 #pragma once
 
+#include "kx/export.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -27,7 +29,7 @@ using Array = std::vector<Value>;
 using Dictionary = std::map<std::string, Value, std::less<>>;
 
 // Base of every reference-counted record that can sit inside a Value.
-class Object : public std::enable_shared_from_this<Object> {
+class KX_EXPORT Object : public std::enable_shared_from_this<Object> {
  public:
   virtual ~Object();
   // The record's class name as the archives and descriptions spell it.
@@ -43,7 +45,7 @@ class Object : public std::enable_shared_from_this<Object> {
 using ObjectRef = std::shared_ptr<Object>;
 
 // A number that remembers its stored type.
-class Number {
+class KX_EXPORT Number {
  public:
   enum class Type : uint8_t {
     Bool, Char, Int16, UInt16, Int32, UInt32, Int64, UInt64, Float, Double
@@ -101,7 +103,7 @@ struct Date {
 
 // A URL kept as its absolute string. File URLs are "file://" plus a
 // percent-encoded absolute path.
-class URL {
+class KX_EXPORT URL {
  public:
   URL() = default;
   // Parses a string; nullopt when it is not a URL (no scheme).
@@ -144,7 +146,7 @@ struct Error {
   bool operator==(const Error& other) const;
 };
 
-class Value {
+class KX_EXPORT Value {
  public:
   enum class Kind : uint8_t {
     Nil, Null, Number, String, Data, Date, URL, Array, Dictionary,
@@ -235,7 +237,7 @@ class Value {
 };
 
 // A dictionary literal helper: MakeDictionary({{"k", 1}, {"s", "x"}}).
-Dictionary MakeDictionary(std::initializer_list<std::pair<const std::string, Value>> entries);
+KX_EXPORT Dictionary MakeDictionary(std::initializer_list<std::pair<const std::string, Value>> entries);
 
 }  // namespace kx
 

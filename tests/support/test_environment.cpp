@@ -1,5 +1,10 @@
 #include "tests/support/test_environment.h"
 
+#include <fstream>
+#include <sstream>
+
+#include "support/log_file.h"
+
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
@@ -57,6 +62,13 @@ void SetUpIsolatedEnvironment() {
   Export("KX_NOTIFY_DIR", (root / "run/kx-notify").string());
   Export("TMPDIR", (root / "tmp").string());
   std::atexit(RemoveRoot);
+}
+
+std::string ReadLiveLogFile() {
+  std::ifstream in(logFilePathWithNumber(LogDirectoryPath(), 0));
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
 }
 
 }  // namespace kx::test

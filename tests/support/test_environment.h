@@ -13,6 +13,9 @@ const std::string& TestRoot();
 // Path of a helper executable built next to the tests.
 std::string HelperPath(const std::string& name);
 
+// The text of this process's live diagnostic log file ("" when missing).
+std::string ReadLiveLogFile();
+
 // Creates the isolated environment under a fresh temporary directory and
 // points the environment variables at it. Idempotent.
 void SetUpIsolatedEnvironment();

@@ -31,7 +31,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/message_socket.h"
+#include "platform/message/message_socket.h"
 
 extern char** environ;
 

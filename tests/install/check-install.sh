@@ -1,0 +1,27 @@
+#!/bin/bash
+# Installs the build tree into a temporary prefix and builds a client against
+# the installed tree twice: through the CMake package and through pkg-config.
+# Usage: check-install.sh <build dir> <client source dir>
+set -euo pipefail
+build=$1
+client=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+cmake --install "$build" --prefix "$work/prefix" >/dev/null
+
+# A clean environment: nothing from the source or build tree may leak in.
+unset CPATH CPLUS_INCLUDE_PATH LIBRARY_PATH
+
+cmake -S "$client" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" \
+  -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build "$work/cmake" >/dev/null
+"$work/cmake/client"
+
+pcdir=$(dirname "$(find "$work/prefix" -name kxsearch.pc | head -1)")
+export PKG_CONFIG_PATH=$pcdir
+libdir=$(pkg-config --variable=libdir kxsearch)
+# shellcheck disable=SC2046
+g++ -std=c++20 -o "$work/pc-client" "$client/client.cpp" $(pkg-config --cflags --libs kxsearch) \
+  -Wl,-rpath,"$libdir"
+"$work/pc-client"
