@@ -1,5 +1,6 @@
 #include "kx/KXDaemonConnection.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <utility>
@@ -20,6 +21,8 @@ constexpr char kBackgroundQueueLabel[] = "com.orvex.search.daemonQueue.backgroun
 constexpr char kConnectionQueueKey[] = "com.orvex.search.DPQQueue";
 
 constexpr auto kUpdateListTimeout = std::chrono::nanoseconds(5'000'000'000);
+// How often a caller waiting for the update list runs queued connection work.
+constexpr auto kUpdateListSlice = std::chrono::milliseconds(50);
 
 // For requests whose reply the daemon must send but nobody reads.
 KXDaemonConnection::InfoReply IgnoreReply() {
@@ -46,6 +49,22 @@ std::optional<std::string> CardURLOf(const KXSearchResult& result) {
   if (const kx::URL* url = value.url()) return url->absoluteString();
   if (const std::string* s = value.string()) return *s;
   return std::nullopt;
+}
+
+// Sends `name` with `info` on `connection`; with `reply`, as a request
+// whose reply info (nil for an error) reaches it on the connection's queue.
+void SendNamed(KXDPQConnection& connection, const std::string& name, kx::Value info,
+               KXDaemonConnection::InfoReply reply) {
+  std::shared_ptr<KXDPQMessage> message = KXDPQMessage::initWithName(name);
+  message->setInfo(std::move(info));
+  if (!reply) {
+    connection.sendMessage(message);
+    return;
+  }
+  connection.sendMessage(message,
+                         [reply = std::move(reply)](const std::shared_ptr<KXDPQMessage>& answer) {
+                           reply(answer ? answer->info() : kx::Value());
+                         });
 }
 
 }  // namespace
@@ -191,16 +210,7 @@ void KXDaemonConnection::handleMessage(const std::shared_ptr<KXDPQMessage>& mess
 void KXDaemonConnection::_sendMessage(std::string name, kx::Value info, InfoReply reply) {
   connectionQueue_->async([connection = self(), name = std::move(name), info = std::move(info),
                            reply = std::move(reply)]() mutable {
-    std::shared_ptr<KXDPQMessage> message = KXDPQMessage::initWithName(name);
-    message->setInfo(std::move(info));
-    if (reply) {
-      connection->_connection()->sendMessage(
-          message, [reply = std::move(reply)](const std::shared_ptr<KXDPQMessage>& answer) {
-            reply(answer ? answer->info() : kx::Value());
-          });
-    } else {
-      connection->_connection()->sendMessage(message);
-    }
+    SendNamed(*connection->_connection(), name, std::move(info), std::move(reply));
     // Let go inside the job: a queue drops a job's captures after the job
     // has stopped counting as running on it, and a destructor run from
     // there would wait for the very queue its thread still holds.
@@ -449,19 +459,35 @@ bool KXDaemonConnection::retrieveUpdateListForDisplayIdentifier(const std::strin
     bool hasUpdates = false;
   };
   auto answer = std::make_shared<Answer>();
-  _sendMessage("UpdateList", ApplicationInfo(displayIdentifier, category),
-               [answer](const kx::Value& info) {
-                 std::lock_guard lock(answer->mu);
-                 answer->hasUpdates = !info.isNil();
-                 answer->answered = true;
-                 answer->cv.notify_all();
-               });
-  bool inTime;
-  bool flag;
-  {
-    std::unique_lock lock(answer->mu);
-    inTime = answer->cv.wait_for(lock, kUpdateListTimeout, [&] { return answer->answered; });
-    flag = answer->hasUpdates;
+  InfoReply reply = [answer](const kx::Value& info) {
+    std::lock_guard lock(answer->mu);
+    answer->hasUpdates = !info.isNil();
+    answer->answered = true;
+    answer->cv.notify_all();
+  };
+  // Callers may be pool threads, possibly every one the pool has, so the
+  // wait must not depend on a free one. The request is therefore sent from
+  // this thread (synchronous work runs on the caller), and the reader thread
+  // delivers a daemon's reply in place on the connection queue. Only an
+  // error answer (the connection ended) is posted there; the waiting caller
+  // runs such queued work itself between slices of its wait.
+  connectionQueue_->sync([&] {
+    SendNamed(*_connection(), "UpdateList", ApplicationInfo(displayIdentifier, category),
+              std::move(reply));
+  });
+  const auto deadline = std::chrono::steady_clock::now() + kUpdateListTimeout;
+  bool inTime = false;
+  bool flag = false;
+  for (;;) {
+    {
+      std::unique_lock lock(answer->mu);
+      const auto until = std::min(deadline, std::chrono::steady_clock::now() + kUpdateListSlice);
+      answer->cv.wait_until(lock, until, [&] { return answer->answered; });
+      inTime = answer->answered;
+      flag = answer->hasUpdates;
+    }
+    if (inTime || std::chrono::steady_clock::now() >= deadline) break;
+    connectionQueue_->sync([] {});
   }
   KXLOG(7, "retrieve updates: %s %s", flag ? "yes" : "no", inTime ? "" : " (timedout)");
   if (hasUpdates) *hasUpdates = inTime && flag;

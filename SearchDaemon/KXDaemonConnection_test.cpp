@@ -11,6 +11,7 @@
 #include "kx/KXFeedback.h"
 #include "kx/log.h"
 #include "kx/KXSearchResult.h"
+#include "platform/dispatch/thread_pool.h"
 #include "platform/services/activity.h"
 
 namespace kx {
@@ -289,6 +290,41 @@ TEST(KXDaemonConnectionTest, AgainstASilentDaemonTheUpdateListTimesOutAndRegistr
   for (const Received& r : daemon.received())
     if (r.name != "start") names.push_back(r.name);
   EXPECT_EQ(names, (std::vector<std::string>{"UpdateList", "Preheat"}));
+}
+
+TEST(KXDaemonConnectionTest, UpdateListCallersOnEveryPoolThreadAllGetTheirAnswers) {
+  // Effective because ctest runs each test in a process of its own, and
+  // checked, so that a pool made earlier cannot hide the starvation.
+  setenv("KX_THREAD_POOL_SIZE", "2", 1);
+  ASSERT_EQ(ThreadPool::Shared().size(), 2u);
+  TestDaemon daemon;
+  DaemonClient client(daemon);
+  struct Caller {
+    std::string displayIdentifier;
+    bool answered = false;
+    bool hasUpdates = false;
+  };
+  Caller callers[] = {{"updates.notes"}, {"com.example"}};
+  std::atomic<int> started{0};
+  std::promise<void> finished;
+  std::atomic<int> done{0};
+  std::vector<std::shared_ptr<Queue>> queues;
+  for (Caller& caller : callers) {
+    queues.push_back(Queue::Create("test.caller"));
+    queues.back()->async([&] {
+      // Both callers hold a pool thread before either sends.
+      started.fetch_add(1);
+      while (started.load() < 2) std::this_thread::yield();
+      caller.answered = client.connection->retrieveUpdateListForDisplayIdentifier(
+          caller.displayIdentifier, "notes", &caller.hasUpdates);
+      if (done.fetch_add(1) + 1 == 2) finished.set_value();
+    });
+  }
+  ASSERT_EQ(finished.get_future().wait_for(kTimeout), std::future_status::ready);
+  EXPECT_TRUE(callers[0].answered);
+  EXPECT_TRUE(callers[0].hasUpdates);
+  EXPECT_TRUE(callers[1].answered);
+  EXPECT_FALSE(callers[1].hasUpdates);
 }
 
 TEST(KXDaemonConnectionTest, RequestsRoundTrip) {

@@ -41,8 +41,10 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "kx/KXDomainManager.h"
 #include "kx/KXSearchResult.h"
 #include "kx/KXSearchResultSection.h"
 #include "kx/WireWriter.h"
@@ -92,21 +94,34 @@ class Text {
   std::mt19937_64 rng_;
 };
 
+// Sections of the stream, one per domain; each carries the bundle identifier
+// the domain table gives its domain, so the bytes are the system's own.
 struct SectionKind {
   uint32_t domain;
-  const char* bundle;
+  std::string bundle;
 };
-constexpr SectionKind kKinds[] = {{2, "com.orvex.contacts"},
-                                  {3, "com.orvex.mail"},
-                                  {4, "com.orvex.springboard"},
-                                  {14, "com.orvex.files"},
-                                  {17, "com.orvex.websearch"}};
+
+SectionKind KindOf(uint32_t domain) {
+  std::optional<std::string_view> bundle =
+      KXDomainManager::defaultManager()->getBundleIdForDomainNumber(domain);
+  if (!bundle) {
+    std::fprintf(stderr, "domain %u has no bundle identifier\n", domain);
+    std::abort();
+  }
+  return {domain, std::string(*bundle)};
+}
+
+const std::vector<SectionKind>& Kinds() {
+  static const auto& kinds =
+      *new std::vector<SectionKind>{KindOf(2), KindOf(3), KindOf(4), KindOf(14), KindOf(17)};
+  return kinds;
+}
 
 std::shared_ptr<KXSearchResult> MakeResult(Text& t, const SectionKind& kind, bool withDictionary) {
   auto r = std::make_shared<KXSearchResult>();
   r->setTitle(t.words(10, 40));
   r->setIdentifier(t.number());
-  r->setBundleID(std::string(kind.bundle));
+  r->setBundleID(kind.bundle);
   r->setExternalIdentifier(t.uuid());
   r->setScore(t.number() >> 24);
   r->setResultScore(static_cast<double>(t.between(0, 1000)) / 7.0);
@@ -208,18 +223,18 @@ const Corpus& CorpusOf(const benchmark::State& state) {
   slot = std::make_unique<Corpus>();
   Corpus& c = *slot;
   Text text(resultCount);
-  for (const SectionKind& kind : kKinds) {
+  for (const SectionKind& kind : Kinds()) {
     auto s = std::make_shared<KXSearchResultSection>();
     s->setDomain(kind.domain);
-    s->setDisplayIdentifier(std::string(kind.bundle));
-    s->setIcon(std::string(kind.bundle) + ".icon");
+    s->setDisplayIdentifier(kind.bundle);
+    s->setIcon(kind.bundle + ".icon");
     c.sections.push_back(s);
   }
   // Section by section, as the daemon's providers deliver them.
-  for (size_t k = 0; k < std::size(kKinds); ++k) {
-    const size_t n = (resultCount + std::size(kKinds) - 1 - k) / std::size(kKinds);
+  for (size_t k = 0; k < Kinds().size(); ++k) {
+    const size_t n = (resultCount + Kinds().size() - 1 - k) / Kinds().size();
     for (size_t i = 0; i < n; ++i)
-      c.sections[k]->addResults(MakeResult(text, kKinds[k], withDictionaries));
+      c.sections[k]->addResults(MakeResult(text, Kinds()[k], withDictionaries));
   }
   WireWriter writer;
   for (const auto& s : c.sections) {
@@ -265,7 +280,7 @@ void BM_Encode_KX(benchmark::State& state) {
 // dictionary: made once per result when the producer encodes it.
 void BM_ArchiveDictionary(benchmark::State& state) {
   Text text(1);
-  auto r = MakeResult(text, kKinds[3], true);
+  auto r = MakeResult(text, Kinds()[3], true);
   const kx::Value dictionary(r->additionalPropertyDict());
   size_t bytes = 0;
   for (auto _ : state) {

@@ -5,11 +5,15 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <string>
 
 #include "domains/search_preferences_internal.h"
 #include "platform/notify/notify.h"
 #include "platform/prefs/preferences.h"
 #include "base/property_list.h"
+#include "kx/log.h"
+#include "support/log_file.h"
+#include "tests/support/test_environment.h"
 
 namespace {
 
@@ -195,6 +199,31 @@ TEST_F(SearchPreferencesTest, ChangesOfInternetDomainsArePostedSystemWide) {
   EXPECT_EQ(generation(), start + 2);
   KXSetInternetDomainsAvailable(false);
   EXPECT_EQ(generation(), start + 3);
+}
+
+// Lines of this process's log that contain `text`.
+size_t LoggedLines(const std::string& text) {
+  std::ifstream in(kx::logFilePathWithNumber(kx::LogDirectoryPath(), 0), std::ios::binary);
+  size_t n = 0;
+  for (std::string line; std::getline(in, line);) n += line.find(text) != std::string::npos;
+  return n;
+}
+
+TEST_F(SearchPreferencesTest, AnUnusableNotificationDirectoryKeepsTheChangeAndOnlyLogs) {
+  setKXLogLevel(7);
+  // A regular file stands where the directory would have to be made.
+  const std::string blocker = kx::test::TestRoot() + "/not-a-directory";
+  std::ofstream(blocker) << "x";
+  setenv("KX_NOTIFY_DIR", (blocker + "/kx-notify").c_str(), 1);
+  const char* kLine = "Cannot use the notification directory";
+  const size_t before = LoggedLines(kLine);
+
+  EXPECT_NO_THROW(KXSetInternetDomainsAvailable(true));
+  EXPECT_TRUE(KXGetInternetDomainsAvailable());
+  EXPECT_EQ(FileContents(kCurrent)[kKXSearchInternetDomainsAvailableKey], Value(true));
+  EXPECT_EQ(LoggedLines(kLine), before + 1);
+  EXPECT_FALSE(kx::notify::Post(kKXSearchInternetDomainsChangedNotification));
+  EXPECT_EQ(kx::notify::Generation(kKXSearchInternetDomainsChangedNotification), 0u);
 }
 
 TEST_F(SearchPreferencesTest, UserDisabledDomainsLeaveSearchAndZeroKeywordLists) {

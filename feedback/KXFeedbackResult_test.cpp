@@ -10,12 +10,32 @@ namespace {
 TEST(KXFeedbackResultTest, ArchivesItsFieldsButNeverTheInProcessOnes) {
   auto record = KXFeedback::feedback();
   FillFeedbackFields(*record);
-  EXPECT_EQ(ArchivedKeys(ArchiveOf(record), "KXFeedbackResult"),
-            (std::set<std::string>{"domain", "flags", "topHit", "fbr", "activityIdentifier",
-                                   "activityRequiredString", "activitySecondaryString",
-                                   "activitybundleID", "activityTitle", "activityData",
-                                   "activityType", "activityIsPublic",
-                                   "hasAssociatedUserActivity", "lastSearchQuery", "url"}));
+  // Every field has a value of its own; the three booleans differ between
+  // the two fillings, so that any two of their keys swapped show.
+  FieldList fields = {{"domain", "-2"},
+                      {"flags", "-5"},
+                      {"fbr", "\"fbr-1\""},
+                      {"activitybundleID", "\"a.b\""},
+                      {"activityIdentifier", "\"activity-1\""},
+                      {"activityRequiredString", "\"required\""},
+                      {"activityTitle", "\"title\""},
+                      {"activityIsPublic", "0"},
+                      {"activitySecondaryString", "\"secondary\""},
+                      {"activityData", "<000102>"},
+                      {"topHit", "1"},
+                      {"activityType", "\"type\""},
+                      {"hasAssociatedUserActivity", "1"},
+                      {"lastSearchQuery", "\"last\""},
+                      {"url", "\"https://x.example/\""}};
+  ExpectArchivedFields(ArchiveOf(record), "KXFeedbackResult", fields);
+  KXFeedbackResult& filled = *(*record->results())[0];
+  filled.setActivityIsPublic(true);
+  filled.setTopHit(false);
+  for (auto& [key, value] : fields) {
+    if (key == "activityIsPublic") value = "1";
+    if (key == "topHit") value = "0";
+  }
+  ExpectArchivedFields(ArchiveOf(record), "KXFeedbackResult", fields);
 
   auto restored = RoundTrip(record);  // checks every archived field
   ASSERT_NE(restored, nullptr);

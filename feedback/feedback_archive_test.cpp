@@ -28,10 +28,10 @@ template <class E>
 std::shared_ptr<E> FilledEngagement() {
   auto e = Filled<E>();
   e->setUserReturnedToResultsList(true);
-  e->setEngagementOnCard(true);
+  e->setEngagementOnCard(false);
   e->setCardType("card");
   e->setAction_destination(URL::WithString("https://example.com/x"));
-  e->setLastSearchQuery("last");
+  e->setLastSearchQuery("last-engaged");
   e->setDisplayPosition(-3);
   e->setResultScore(0.75);
   e->setSectionScore(1.5);
@@ -39,15 +39,25 @@ std::shared_ptr<E> FilledEngagement() {
   return e;
 }
 
+// A record class with every field set to a value of its own, and what its
+// own fields (after the KXFeedback ones) must archive as, in encoding order.
+// `nested` pins records that only occur inside this one.
 struct RecordCase {
   const char* className;
-  std::function<std::shared_ptr<KXFeedback>()> make;  // every field set
-  std::set<std::string> ownKeys;
+  std::function<std::shared_ptr<KXFeedback>()> make;
+  FieldList ownFields;
+  std::vector<std::pair<const char*, FieldList>> nested = {};
 };
 
-const std::set<std::string> kEngagementKeys = {
-    "userReturnedToResultsList", "engagementOnCard", "cardType", "action_destination",
-    "lastSearchQuery", "displayPosition", "resultScore", "sectionScore", "actionTarget"};
+const FieldList kEngagementFields = {{"userReturnedToResultsList", "1"},
+                                     {"engagementOnCard", "0"},
+                                     {"cardType", "\"card\""},
+                                     {"action_destination", "url https://example.com/x"},
+                                     {"lastSearchQuery", "\"last-engaged\""},
+                                     {"displayPosition", "-3"},
+                                     {"resultScore", "0.75"},
+                                     {"sectionScore", "1.5"},
+                                     {"actionTarget", "\"play\""}};
 
 const RecordCase kCases[] = {
     {"KXFeedback", [] { return Filled<KXFeedback>(); }, {}},
@@ -57,23 +67,38 @@ const RecordCase kCases[] = {
        s->setQueryId(Number::Int64(77));
        return s;
      },
-     {"queryId"}},
+     {{"queryId", "int64 77"}}},
     {"KXFeedbackVoiceSearch",
      [] {
        auto v = Filled<KXFeedbackVoiceSearch>();
        v->setVoiceIdentifier("voice-1");
        v->setHeaders(MakeDictionary({{"X-Id", "7"}}));
        v->addSpeechResult("hello", true, 1.5, kHuge, 2);
-       v->dictationStoppedReason("done", 9.0);
-       v->setSpeechDetectedTime(2.0);
-       v->setDictationStartTime(3.0);
-       v->setMicButtonStopTime(4.0);
-       v->setDoneButtonTime(5.0);
+       v->setInput("pizza");  // taken by the speech result; the common value again
+       v->dictationStoppedReason("done", 9.5);
+       v->setSpeechDetectedTime(2.5);
+       v->setDictationStartTime(3.5);
+       v->setMicButtonStartTime(1.25);
+       v->setMicButtonStopTime(4.5);
+       v->setDoneButtonTime(5.5);
        return v;
      },
-     {"voiceIdentifier", "headers", "speechResults", "dictationStopReason", "speechDetectedTime",
-      "dictationStartTime", "dictationStopTime", "micButtonStartTime", "micButtonStopTime",
-      "doneButtonTime"}},
+     {{"voiceIdentifier", "\"voice-1\""},
+      {"headers", "{X-Id = \"7\"}"},
+      {"speechResults", "(KXFeedbackSpeechResult)"},
+      {"dictationStopReason", "\"done\""},
+      {"speechDetectedTime", "2.5"},
+      {"dictationStartTime", "3.5"},
+      {"dictationStopTime", "9.5"},
+      {"micButtonStartTime", "1.25"},
+      {"micButtonStopTime", "4.5"},
+      {"doneButtonTime", "5.5"}},
+     {{"KXFeedbackSpeechResult",
+       {{"text", "\"hello\""},
+        {"stable", "1"},
+        {"timestamp", "1.5"},
+        {"webResultsSize", "-1"},
+        {"skylumeResultsSize", "2"}}}}},
     {"KXFeedbackRender",
      [] {
        auto r = Filled<KXFeedbackRender>();
@@ -83,9 +108,12 @@ const RecordCase kCases[] = {
        r->setSections(Array{Value("contacts"), Value(3)});
        return r;
      },
-     {"trigger_timestamp", "hiddentExtResults", "leftOfHome", "sections"}},
+     {{"trigger_timestamp", "321.5"},
+      {"hiddentExtResults", "({id = \"local:x\"; type = \"dup\"})"},
+      {"leftOfHome", "1"},
+      {"sections", "(\"contacts\", int32 3)"}}},
     {"KXFeedbackEngagement", [] { return FilledEngagement<KXFeedbackEngagement>(); },
-     kEngagementKeys},
+     kEngagementFields},
     {"KXFeedbackEngagementMaps",
      [] {
        auto m = FilledEngagement<KXFeedbackEngagementMaps>();
@@ -93,9 +121,9 @@ const RecordCase kCases[] = {
        return m;
      },
      [] {
-       std::set<std::string> keys = kEngagementKeys;
-       keys.insert("maps_feedback_type");
-       return keys;
+       FieldList fields = kEngagementFields;
+       fields.emplace_back("maps_feedback_type", "-201");
+       return fields;
      }()},
     {"KXFeedbackAbandonment",
      [] {
@@ -103,24 +131,30 @@ const RecordCase kCases[] = {
        a->setReason(kHuge);
        return a;
      },
-     {"reason"}},
+     {{"reason", "-1"}}},
     {"KXFeedbackContext",
      [] {
        auto c = Filled<KXFeedbackContext>();
-       c->setStart_ts(12.0);
+       c->setStart_ts(12.75);
        c->setStart_method("swipe");
-       c->setLast_search("pizza");
+       c->setLast_search("pasta");
        return c;
      },
-     {"start_ts", "start_method", "last_search"}},
+     {{"start_ts", "12"}, {"start_method", "\"swipe\""}, {"last_search", "\"pasta\""}}},
 };
 
-TEST(FeedbackArchiveTest, EveryRecordClassSurvivesTheArchiveUnderItsFixedKeys) {
+TEST(FeedbackArchiveTest, EveryRecordClassArchivesEachFieldUnderItsOwnKeyInOrder) {
   for (const RecordCase& c : kCases) {
     SCOPED_TRACE(c.className);
     std::shared_ptr<KXFeedback> record = c.make();
     EXPECT_EQ(record->className(), c.className);
-    EXPECT_EQ(ArchivedKeys(ArchiveOf(record), c.className), FeedbackKeys(c.ownKeys));
+    const Bytes bytes = ArchiveOf(record);
+    // The ancestor's fields come first, then the class's own.
+    FieldList fields = FeedbackFields(record->timestamp());
+    fields.insert(fields.end(), c.ownFields.begin(), c.ownFields.end());
+    ExpectArchivedFields(bytes, c.className, fields);
+    for (const auto& [className, nestedFields] : c.nested)
+      ExpectArchivedFields(bytes, className, nestedFields);
     // RoundTrip compares the restored record's archive with the original's,
     // so every archived field, down to the speech and feedback results, is
     // checked; the timestamp is the archived one, not the decoding time.

@@ -2,16 +2,16 @@
 
 #include <time.h>
 
+#include "model/query_id_counter.h"
 #include "kx/exception.h"
 #include "kx/log.h"
 #include "kx/search_domains.h"
 
 namespace {
 
-// Query IDs: a 32-bit counter whose values are sign-extended into IDs.
-// Wrapping after 2^31 queries is harmless in practice and defined for
-// atomics.
-std::atomic<int32_t> gQueryIDIter{0};
+// Constant-initialised and trivially destructible: usable from any static
+// constructor or destructor.
+constinit kx::QueryIDCounter gQueryIDs;
 
 uint64_t MonotonicNanoseconds() {
   timespec now;
@@ -64,7 +64,7 @@ KXSearchQuery::KXSearchQuery(PrivateTag, std::string searchString,
                              std::optional<std::string> keyboardLanguage,
                              std::optional<std::string> keyboardPrimaryLanguage,
                              DomainList searchDomains, std::optional<BundleList> disabledBundles)
-    : queryID_(gQueryIDIter.fetch_add(1) + 1),
+    : queryID_(gQueryIDs.next()),
       searchString_(std::move(searchString)),
       keyboardLanguage_(std::move(keyboardLanguage)),
       keyboardPrimaryLanguage_(std::move(keyboardPrimaryLanguage)),

@@ -1,11 +1,11 @@
 #include "kx/KXSearchResult.h"
 
-#include <algorithm>
 #include <cstring>
 #include <mutex>
 
 #include "kx/file_identifier_url.h"
 #include "kx/log.h"
+#include "model/property_snapshot.h"
 #include "model/record_fields.h"
 #include "support/secure_archiving.h"
 
@@ -54,19 +54,18 @@ enum Tag : uint32_t {
 
 // The archives of the absent and of the empty dictionary. Nearly every
 // result carries one of them, so they are made once, written as stored
-// bytes and recognised by their bytes when read.
+// bytes and recognised by their bytes when read. Never destroyed, like the
+// mutex below: pool threads may still code results while static
+// destructors run at exit.
 struct CommonArchives {
   Bytes absent;
   Bytes empty;
 };
 
 const CommonArchives& Common() {
-  static const CommonArchives archives = [] {
-    CommonArchives a;
-    a.absent = _kx_secureArchivedDataWithRootObject(kx::Value()).value_or(Bytes());
-    a.empty = _kx_secureArchivedDataWithRootObject(kx::Value(kx::Dictionary())).value_or(Bytes());
-    return a;
-  }();
+  static const CommonArchives& archives = *new CommonArchives{
+      _kx_secureArchivedDataWithRootObject(kx::Value()).value_or(Bytes()),
+      _kx_secureArchivedDataWithRootObject(kx::Value(kx::Dictionary())).value_or(Bytes())};
   return archives;
 }
 
@@ -77,7 +76,7 @@ bool SameBytes(std::span<const uint8_t> a, const Bytes& b) {
 // Serialises the lazy fills of every result. They are rare (one per result
 // with a non-trivial dictionary or a computed content path) and short.
 std::mutex& LazyFillMutex() {
-  static std::mutex mutex;
+  static std::mutex& mutex = *new std::mutex;
   return mutex;
 }
 
@@ -334,41 +333,11 @@ bool KXSearchResultReadFrom(KXSearchResult& r, WireReader& reader) {
 
 bool KXSearchResultSkipFrom(WireReader& reader) { return reader.skipRecord(); }
 
-// A dictionary's archive together with the entries it was made from. The
-// snapshot shares every value's storage with the dictionary, so a change to
-// an entry (which copies shared storage first) or a new entry breaks
-// identity. Records inside values can change in place, so dictionaries that
-// hold any are never cached.
+// A dictionary's archive together with a snapshot of what it was made from.
 struct KXSearchResult::ArchiveCache {
-  kx::Dictionary snapshot;
+  kx::PropertySnapshot snapshot;
   Bytes archive;
-
-  bool matches(const kx::Dictionary& dict) const {
-    if (dict.size() != snapshot.size()) return false;
-    for (auto a = dict.begin(), b = snapshot.begin(); a != dict.end(); ++a, ++b) {
-      if (!a->second.isIdenticalTo(b->second) || a->first != b->first) return false;
-    }
-    return true;
-  }
 };
-
-namespace {
-
-bool HoldsRecords(const kx::Value& v) {
-  switch (v.kind()) {
-    case kx::Value::Kind::Object:
-      return true;
-    case kx::Value::Kind::Array:
-      return std::any_of(v.array()->begin(), v.array()->end(), HoldsRecords);
-    case kx::Value::Kind::Dictionary:
-      return std::any_of(v.dictionary()->begin(), v.dictionary()->end(),
-                         [](const auto& entry) { return HoldsRecords(entry.second); });
-    default:
-      return false;
-  }
-}
-
-}  // namespace
 
 void KXSearchResult::writeAdditionalProperties(WireWriter& w) const {
   const std::optional<kx::Dictionary>& props = properties();
@@ -384,7 +353,7 @@ void KXSearchResult::writeAdditionalProperties(WireWriter& w) const {
   // The cache belongs to whoever sets the flag; a writer on another thread
   // meanwhile archives on its own instead of waiting.
   const bool ownsCache = !archiveCacheBusy_.exchange(true, std::memory_order_acquire);
-  if (ownsCache && archiveCache_ && archiveCache_->matches(*props)) {
+  if (ownsCache && archiveCache_ && archiveCache_->snapshot.matches(*props)) {
     w.writeDataField(kAdditionalPropertyDict, archiveCache_->archive);
     archiveCacheBusy_.store(false, std::memory_order_release);
     return;
@@ -401,8 +370,10 @@ void KXSearchResult::writeAdditionalProperties(WireWriter& w) const {
     w.writeDataField(kAdditionalPropertyDict, common.absent);
   }
   if (!ownsCache) return;
-  if (archive && !HoldsRecords(root)) {
-    archiveCache_.reset(new ArchiveCache{*root.dictionary(), std::move(*archive)});
+  std::optional<kx::PropertySnapshot> snapshot;
+  if (archive) snapshot = kx::PropertySnapshot::Take(*props);
+  if (snapshot) {
+    archiveCache_.reset(new ArchiveCache{std::move(*snapshot), std::move(*archive)});
   } else {
     archiveCache_.reset();
   }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -260,6 +261,48 @@ TEST(KXSearchResultTest, ReusedArchiveFollowsEveryChangeOfTheDictionary) {
   r.setValue(kx::Value(int64_t{1}), "list");  // equal as a number, not as an archive
   EXPECT_EQ(Decode(Encode(r))->valueForUndefinedKey("list").number()->type(),
             kx::Number::Type::Int64);
+}
+
+TEST(KXSearchResultTest, ReusedArchiveFollowsChangesThroughKeptContainerPointers) {
+  KXSearchResult r;
+  kx::Dictionary& dict = r.additionalPropertyDict();
+  kx::Array* list = dict["list"].mutableArray();
+  list->push_back(kx::Value(1));
+  dict["nested"] = kx::Value(kx::MakeDictionary({{"inner", kx::Value(kx::Array{})}}));
+  kx::Array* inner = (*dict["nested"].mutableDictionary())["inner"].mutableArray();
+  Encode(r);
+
+  list->push_back(kx::Value(2));
+  EXPECT_EQ(Decode(Encode(r))->valueForUndefinedKey("list").count(), 2u);
+  inner->push_back(kx::Value("x"));
+  EXPECT_EQ(Decode(Encode(r))->valueForUndefinedKey("nested")["inner"].count(), 1u);
+  (*list)[0] = kx::Value(true);  // numerically equal to 1, archived differently
+  EXPECT_TRUE(Decode(Encode(r))->valueForUndefinedKey("list").at(0).number()->isBool());
+}
+
+// The encoding of a result with an empty dictionary, made before exit
+// begins; a freed cache's memory would be handed out again by then.
+const Bytes* gEmptyEncoding = nullptr;
+
+// Registered before the result caches exist, so it runs after any static
+// destructor they could have registered.
+void EncodeAtExit() {
+  KXSearchResult r;
+  r.additionalPropertyDict();
+  std::_Exit(Encode(r) == *gEmptyEncoding ? 0 : 3);
+}
+
+TEST(KXSearchResultTest, ProcessWideCachesOutliveStaticDestruction) {
+  EXPECT_EXIT(
+      {
+        gEmptyEncoding = new Bytes(EmptyEncoding(ArchiveOf(kx::Value(kx::Dictionary()))).bytes());
+        std::atexit(EncodeAtExit);
+        KXSearchResult r;
+        r.additionalPropertyDict();
+        EXPECT_EQ(Encode(r), *gEmptyEncoding);
+        std::exit(0);
+      },
+      testing::ExitedWithCode(0), "");
 }
 
 TEST(KXSearchResultTest, ConcurrentReadersShareOnePendingDecode) {

@@ -379,9 +379,9 @@ class KX_EXPORT KXSearchResult : public WireCodable {
   mutable Bytes pendingArchive_;
   mutable std::atomic<bool> archivePending_{false};
 
-  // The archive last written for a non-empty dictionary, reused while every
-  // entry is still identical to the snapshot taken with it (see
-  // writeAdditionalProperties). Owned by whoever set archiveCacheBusy_.
+  // The archive last written for a non-empty dictionary, reused while the
+  // dictionary still matches the snapshot taken with it (see
+  // model/property_snapshot.h). Owned by whoever set archiveCacheBusy_.
   struct ArchiveCache;
   mutable std::unique_ptr<ArchiveCache> archiveCache_;
   mutable std::atomic<bool> archiveCacheBusy_{false};

@@ -8,7 +8,9 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -39,8 +41,20 @@ class Observation {
 
 namespace {
 
-// Counter files stay open for the life of the process: a name is posted or
-// read many times, and opening is the expensive part of a post.
+// One name's counter file, open for the life of the process: a name is
+// posted or read many times, and opening is the expensive part of a post.
+//
+// flock() locks belong to the open file description, so every thread of
+// this process holding `fd` would share one lock: a second thread's
+// LOCK_EX succeeds at once, and a reader's LOCK_SH or LOCK_UN converts or
+// drops a writer's lock. `mu` therefore admits one thread of the process at
+// a time to the flock, which then serialises the processes.
+struct Counter {
+  explicit Counter(int f) : fd(f) {}
+  const int fd;
+  std::mutex mu;
+};
+
 class CounterFiles {
  public:
   static CounterFiles& Shared() {
@@ -48,49 +62,86 @@ class CounterFiles {
     return *files;
   }
 
-  // -1 (logged) when the file cannot be opened.
-  int fdFor(const std::string& file) {
+  // Null (logged) when the file cannot be opened or the directory is
+  // unusable. Counters are never freed, so the pointer stays valid.
+  Counter* counterFor(const std::string& file) {
     std::lock_guard lock(mu_);
-    auto it = fds_.find(file);
-    if (it != fds_.end()) return it->second;
+    auto it = counters_.find(file);
+    if (it != counters_.end()) return it->second.get();
+    if (!resolveDirectoryLocked()) return nullptr;
     const std::string path = dir_ + "/" + file;
     int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (fd < 0) {
       KXLOG(3, "Cannot open notification counter %s: %s", path, std::strerror(errno));
-      return -1;
+      return nullptr;
     }
-    fds_.emplace(file, fd);
-    return fd;
+    return counters_.emplace(file, std::make_unique<Counter>(fd)).first->second.get();
   }
 
-  const std::string& directory() const { return dir_; }
+  // Nullopt (logged) while the directory is unusable; a later call tries
+  // again, so a runtime directory that appears later is picked up.
+  std::optional<std::string> directory() {
+    std::lock_guard lock(mu_);
+    if (!resolveDirectoryLocked()) return std::nullopt;
+    return dir_;
+  }
 
  private:
-  CounterFiles() : dir_(NotifyDirectory()) {}
-  const std::string dir_;
+  CounterFiles() = default;
+
+  // Posting and observing report failure instead of throwing, so that
+  // callers which only announce a change (after storing it) never unwind.
+  bool resolveDirectoryLocked() {
+    if (!dir_.empty()) return true;
+    try {
+      dir_ = NotifyDirectory();
+    } catch (const DirectoryError& e) {
+      KXLOG(3, "Cannot use the notification directory: %s", e.reason());
+      return false;
+    }
+    return true;
+  }
+
   std::mutex mu_;
-  std::unordered_map<std::string, int> fds_;
+  std::string dir_;  // empty until resolved; guarded by mu_
+  std::unordered_map<std::string, std::unique_ptr<Counter>> counters_;
 };
 
-void Lock(int fd, int op) {
-  while (flock(fd, op) != 0 && errno == EINTR) {
+// Holds the counter's process-local mutex and its file lock.
+class CounterLock {
+ public:
+  CounterLock(Counter& counter, int operation) : counter_(counter), lock_(counter.mu) {
+    while (flock(counter_.fd, operation) != 0 && errno == EINTR) {
+    }
   }
-}
+  ~CounterLock() {
+    while (flock(counter_.fd, LOCK_UN) != 0 && errno == EINTR) {
+    }
+  }
+  CounterLock(const CounterLock&) = delete;
+  CounterLock& operator=(const CounterLock&) = delete;
 
-// The counter is 8 native-endian bytes; a file shorter than that has never
-// been posted.
-uint64_t ReadCounterLocked(int fd) {
-  uint64_t value = 0;
-  return pread(fd, &value, sizeof value, 0) == static_cast<ssize_t>(sizeof value) ? value : 0;
-}
+  // The counter is 8 native-endian bytes; a file shorter than that has
+  // never been posted.
+  uint64_t read() const {
+    uint64_t value = 0;
+    return pread(counter_.fd, &value, sizeof value, 0) == static_cast<ssize_t>(sizeof value)
+               ? value
+               : 0;
+  }
+  bool write(uint64_t value) const {
+    return pwrite(counter_.fd, &value, sizeof value, 0) == static_cast<ssize_t>(sizeof value);
+  }
+
+ private:
+  Counter& counter_;
+  std::lock_guard<std::mutex> lock_;
+};
 
 uint64_t ReadCounter(const std::string& file) {
-  int fd = CounterFiles::Shared().fdFor(file);
-  if (fd < 0) return 0;
-  Lock(fd, LOCK_SH);
-  uint64_t value = ReadCounterLocked(fd);
-  Lock(fd, LOCK_UN);
-  return value;
+  Counter* counter = CounterFiles::Shared().counterFor(file);
+  if (!counter) return 0;
+  return CounterLock(*counter, LOCK_SH).read();
 }
 
 // The observer table and the process's one inotify watch on the directory.
@@ -102,7 +153,11 @@ class Observers {
   }
 
   void add(const std::shared_ptr<Observation>& observation) {
-    std::call_once(watchOnce_, [this] { startWatching(); });
+    {
+      // Retried by later observers while the directory is unusable.
+      std::lock_guard lock(watchMu_);
+      if (!stream_) startWatching();
+    }
     std::lock_guard lock(mu_);
     // Read under the lock so that the watcher compares against either the
     // generation before this read or after it, never a stale one.
@@ -135,7 +190,9 @@ class Observers {
   Observers() = default;
 
   void startWatching() {
-    const std::string& dir = CounterFiles::Shared().directory();
+    const std::optional<std::string> directory = CounterFiles::Shared().directory();
+    if (!directory) return;
+    const std::string& dir = *directory;
     int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (fd < 0 || inotify_add_watch(fd, dir.c_str(), IN_MODIFY) < 0) {
       KXLOG(3, "Cannot watch notification directory %s: %s", dir, std::strerror(errno));
@@ -174,7 +231,8 @@ class Observers {
         const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
         if (event->mask & IN_Q_OVERFLOW) overflow = true;
         if (event->mask & IN_IGNORED)
-          KXLOG(3, "Notification directory %s went away", CounterFiles::Shared().directory());
+          KXLOG(3, "Notification directory %s went away",
+                CounterFiles::Shared().directory().value_or(""));
         if (event->len > 0) changed.emplace(event->name);
         at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
       }
@@ -206,8 +264,9 @@ class Observers {
     }
   }
 
-  std::once_flag watchOnce_;
-  asio::posix::stream_descriptor* stream_ = nullptr;  // leaked with the table
+  std::mutex watchMu_;
+  // Set once, under watchMu_; leaked with the table.
+  asio::posix::stream_descriptor* stream_ = nullptr;
   std::mutex mu_;
   std::unordered_map<std::string, std::vector<std::shared_ptr<Observation>>> byFile_;
 };
@@ -284,13 +343,15 @@ std::string FileNameForName(std::string_view name) {
 }
 
 bool Post(std::string_view name) {
-  int fd = CounterFiles::Shared().fdFor(FileNameForName(name));
-  if (fd < 0) return false;
-  Lock(fd, LOCK_EX);
-  const uint64_t next = ReadCounterLocked(fd) + 1;
-  const bool written = pwrite(fd, &next, sizeof next, 0) == static_cast<ssize_t>(sizeof next);
-  const int error = errno;
-  Lock(fd, LOCK_UN);
+  Counter* counter = CounterFiles::Shared().counterFor(FileNameForName(name));
+  if (!counter) return false;
+  bool written;
+  int error;
+  {
+    CounterLock lock(*counter, LOCK_EX);
+    written = lock.write(lock.read() + 1);
+    error = errno;
+  }
   if (!written) KXLOG(3, "Cannot post notification %s: %s", name, std::strerror(error));
   return written;
 }

@@ -2,7 +2,8 @@
 // observed by any other, with no daemon in between.
 //
 // Each name has one 64-bit generation counter in a file under
-// NotifyDirectory(); posting increments it under an exclusive flock. Each
+// NotifyDirectory(); posting increments it under an exclusive flock, taken
+// by one thread of the process at a time, so every post counts once. Each
 // process watches the directory with one inotify descriptor served by the
 // shared thread pool. An observer is called on its queue when the counter of
 // its name moved since the observer last saw it, so posts that follow each
@@ -28,7 +29,7 @@ namespace notify {
 
 // Increments the generation of `name`, waking every observer of it in every
 // process. Returns false (and logs at level 3) when the counter could not be
-// updated.
+// updated, an unusable notification directory included; never throws.
 bool Post(std::string_view name);
 // The current generation of `name`: 0 before its first post.
 uint64_t Generation(std::string_view name);

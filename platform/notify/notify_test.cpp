@@ -8,6 +8,8 @@
 #include <future>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "platform/process/child_process.h"
 #include "kx/queue.h"
@@ -18,13 +20,16 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Counts calls and lets the test wait for a number of them.
+// Counts calls, remembers the generation read on the latest one, and lets
+// the test wait for either.
 class CallCounter {
  public:
   Callback callback() {
-    return [this](const std::string&) {
+    return [this](const std::string& name) {
+      const uint64_t generation = Generation(name);
       std::lock_guard lock(mu_);
       ++calls_;
+      latest_ = generation;
       cv_.notify_all();
     };
   }
@@ -32,15 +37,24 @@ class CallCounter {
     std::unique_lock lock(mu_);
     return cv_.wait_for(lock, timeout, [&] { return calls_ >= calls; });
   }
+  bool waitForGeneration(uint64_t generation) {
+    std::unique_lock lock(mu_);
+    return cv_.wait_for(lock, 10s, [&] { return latest_ == generation; });
+  }
   int calls() {
     std::lock_guard lock(mu_);
     return calls_;
+  }
+  uint64_t latest() {
+    std::lock_guard lock(mu_);
+    return latest_;
   }
 
  private:
   std::mutex mu_;
   std::condition_variable cv_;
   int calls_ = 0;
+  uint64_t latest_ = 0;
 };
 
 // A name no earlier test of this process has posted, so generations start
@@ -68,6 +82,38 @@ TEST(NotifyTest, PostsTravelBetweenProcessesBothWays) {
   EXPECT_EQ(helper->wait(10s), 0);
   EXPECT_EQ(Generation(ping), 3u);
   RemoveObserver(observation);
+}
+
+TEST(NotifyTest, ConcurrentPostsOfThreadsAndProcessesEachCountOnce) {
+  const std::string name = FreshName("com.orvex.test.contended");
+  constexpr int kThreads = 4, kPostsPerThread = 3000;
+  constexpr uint64_t kHelperPosts = 3000;
+  CallCounter first, second;
+  auto a = AddObserver(name, Queue::Create("test.first"), first.callback());
+  auto b = AddObserver(name, Queue::Create("test.second"), second.callback());
+
+  auto helper = ChildProcess::Spawn(test::HelperPath("notify_helper"),
+                                    {"post", name, std::to_string(kHelperPosts)});
+  ASSERT_TRUE(helper);
+  std::atomic<int> failed{0};
+  std::vector<std::thread> posters;
+  for (int t = 0; t < kThreads; ++t) {
+    posters.emplace_back([&] {
+      for (int i = 0; i < kPostsPerThread; ++i) failed += !Post(name);
+    });
+  }
+  for (std::thread& poster : posters) poster.join();
+  ASSERT_EQ(helper->wait(30s), 0);
+  EXPECT_EQ(failed.load(), 0);
+
+  const uint64_t expected = kThreads * kPostsPerThread + kHelperPosts;
+  EXPECT_EQ(Generation(name), expected);
+  // A counter that stepped back would let a later post repeat a generation
+  // an observer had already seen, and that observer would miss it.
+  EXPECT_TRUE(first.waitForGeneration(expected)) << "first observer stopped at " << first.latest();
+  EXPECT_TRUE(second.waitForGeneration(expected)) << "second observer stopped at " << second.latest();
+  RemoveObserver(a);
+  RemoveObserver(b);
 }
 
 TEST(NotifyTest, TokenReportsEachChangeOnce) {
