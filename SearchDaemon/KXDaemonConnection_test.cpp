@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <future>
 #include <mutex>
 #include <set>
@@ -12,6 +11,7 @@
 #include "kx/log.h"
 #include "kx/KXSearchResult.h"
 #include "platform/dispatch/thread_pool.h"
+#include "platform/message/message_testing.h"
 #include "platform/services/activity.h"
 
 namespace kx {
@@ -28,12 +28,7 @@ std::set<std::string> Keys(std::initializer_list<const char*> keys) {
   return std::set<std::string>(keys.begin(), keys.end());
 }
 
-size_t MappingCount() {
-  std::ifstream maps("/proc/self/maps");
-  size_t n = 0;
-  for (std::string line; std::getline(maps, line);) ++n;
-  return n;
-}
+using test::SharedMemoryMappingCount;
 
 // Waits for the value a callback hands over.
 template <class T>
@@ -201,14 +196,13 @@ TEST(KXDaemonConnectionTest, AQueryReceivesItsBatchesAndErrorsThenCompletes) {
 TEST(KXDaemonConnectionTest, MessagesForOtherOrMissingQueryIdsChangeNothingAndLeakNoMapping) {
   TestDaemon daemon;
   DaemonClient client(daemon);
-  // The first round brings up the threads and caches that a count of
-  // mappings would otherwise see grow.
   EXPECT_EQ(client.start("stray:5 noqid:5 results:1:1 complete").events(2),
             (Events{"results 1:1", "complete"}));
-  const size_t before = MappingCount();
-  // Every stray batch is dropped before the completion behind it arrives.
+  const size_t before = SharedMemoryMappingCount();
+  // Every stray batch, each in shared memory of its own, is dropped before
+  // the completion behind it arrives.
   EXPECT_EQ(client.start("stray:40 noqid:40 complete").events(1), Events{"complete"});
-  EXPECT_LE(MappingCount(), before + 4);
+  EXPECT_EQ(SharedMemoryMappingCount(), before);
 }
 
 TEST(KXDaemonConnectionTest, AnInterruptionResendsEachUnfinishedQueryOnce) {

@@ -2,13 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 #include "kx/KXDPQServer.h"
 #include "ipc/dpq_testing.h"
 #include "kx/assert.h"
 #include "base/property_list.h"
 #include "tests/support/assertion_recorder.h"
+#include "platform/message/message_testing.h"
 
 namespace kx {
 namespace {
@@ -17,13 +16,6 @@ using test::LoggedCount;
 using test::MessageInbox;
 using test::PatternByte;
 
-// Received shared memory of this process still mapped.
-size_t MappedRegions() {
-  std::ifstream maps("/proc/self/maps");
-  size_t n = 0;
-  for (std::string line; std::getline(maps, line);) n += line.find("memfd:kx-shm") != std::string::npos;
-  return n;
-}
 
 // An in-process server that hands every message to `inbox`, and a raw
 // client that sends hand-made envelopes to it.
@@ -143,7 +135,7 @@ TEST(KXDPQMessageTest, ReceivedEnvelopesAreReadDefensively) {
 
 TEST(KXDPQMessageTest, ReceivedRegionIsUnmappedWithItsMessageUnlessTaken) {
   Loopback loop;
-  const size_t before = MappedRegions();
+  const size_t before = test::SharedMemoryMappingCount();
   loop.send({{kDKMessageNameKey, Name("Dropped")},
              {kDKMessageShMemKey, Region(5000)},
              {kDKMessageShMemLenKey, MessageObject::UInt64(5000)}});
@@ -153,7 +145,7 @@ TEST(KXDPQMessageTest, ReceivedRegionIsUnmappedWithItsMessageUnlessTaken) {
   ASSERT_TRUE(loop.inbox->waitFor(2));
   std::vector<std::shared_ptr<KXDPQMessage>> received = loop.inbox->items();
   loop.inbox->clear();
-  EXPECT_EQ(MappedRegions(), before + 2);
+  EXPECT_EQ(test::SharedMemoryMappingCount(), before + 2);
 
   std::unique_ptr<SharedMemoryRegion> taken = received[1]->takeSharedMemoryRegion();
   ASSERT_NE(taken, nullptr);
@@ -162,10 +154,10 @@ TEST(KXDPQMessageTest, ReceivedRegionIsUnmappedWithItsMessageUnlessTaken) {
   const uint8_t* bytes = static_cast<const uint8_t*>(received[1]->sharedMemoryRegion());
   EXPECT_EQ(bytes, taken->data());
   received.clear();
-  EXPECT_EQ(MappedRegions(), before + 1);
+  EXPECT_EQ(test::SharedMemoryMappingCount(), before + 1);
   EXPECT_EQ(bytes[3999], PatternByte(3999));
   taken.reset();
-  EXPECT_EQ(MappedRegions(), before);
+  EXPECT_EQ(test::SharedMemoryMappingCount(), before);
 }
 
 TEST(KXDPQMessageTest, ARequestIsAnsweredExactlyOnce) {

@@ -1,6 +1,6 @@
 // The other process of the message service's cross-process tests.
 //
-//   message_peer serve <service>
+//   message_peer serve <service> [<address-space limit in bytes>]
 //
 // Serves <service> (on the socket a launcher passed, if any), prints "ready"
 // once listening, and answers each request by its "op" key:
@@ -16,9 +16,11 @@
 //                 byte i is (i * 7 + 1) mod 256
 //   "write-fd"    writes "hello" to descriptor "fd", then an empty reply
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -131,7 +133,17 @@ int Serve(const std::string& service) {
 
 int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
-  if (argc == 3 && std::strcmp(argv[1], "serve") == 0) return Serve(argv[2]);
-  std::fprintf(stderr, "usage: message_peer serve <service>\n");
+  if ((argc == 3 || argc == 4) && std::strcmp(argv[1], "serve") == 0) {
+    if (argc == 4) {
+      const rlim_t limit = std::strtoull(argv[3], nullptr, 10);
+      const rlimit space{limit, limit};
+      if (setrlimit(RLIMIT_AS, &space) != 0) {
+        std::perror("message_peer: setrlimit");
+        return 2;
+      }
+    }
+    return Serve(argv[2]);
+  }
+  std::fprintf(stderr, "usage: message_peer serve <service> [<address-space limit>]\n");
   return 2;
 }

@@ -68,7 +68,7 @@ KXSearchResultDeserializer::~KXSearchResultDeserializer() {
   void* address = reinterpret_cast<void*>(static_cast<uintptr_t>(byteVector_));
   switch (ownership_) {
     case Ownership::Mapped:
-      if (address && regionLength_) munmap(address, regionLength_);
+      if (address && regionLength_) kx::UnmapSharedMemory(address, regionLength_);
       break;
     case Ownership::Malloc:
       std::free(address);

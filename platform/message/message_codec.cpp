@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <string_view>
 
 #include "kx/log.h"
@@ -255,20 +256,51 @@ class Cursor {
   const uint8_t* end_;
 };
 
+// An upper bound on what the allocator is asked for beyond the object itself
+// by one make_shared or make_unique (control block, padding).
+constexpr size_t kAllocationOverhead = 32;
+
+// What decoding may still allocate. Every heap allocation the decoder makes
+// is charged here before it is made, so a body can never cost more than its
+// budget, however its counts are chosen.
+class DecodeBudget {
+ public:
+  explicit DecodeBudget(size_t bytes) : left_(bytes) {}
+  // False, charging nothing, when `count` items of `size` bytes do not fit.
+  bool charge(size_t count, size_t size) {
+    if (size && count > left_ / size) return false;
+    left_ -= count * size;
+    return true;
+  }
+  template <class T>
+  bool chargeObject() {
+    return charge(1, sizeof(T) + kAllocationOverhead);
+  }
+
+ private:
+  size_t left_;
+};
+
 }  // namespace
 
 // Builds values whose strings, data and keys are views into `storage`, the
 // private copy of the body.
 class MessageDecoder {
  public:
-  MessageDecoder(std::shared_ptr<const void> storage, DescriptorTable& fds)
-      : storage_(std::move(storage)), fds_(fds) {}
+  MessageDecoder(std::shared_ptr<const void> storage, DescriptorTable& fds, DecodeBudget& budget)
+      : storage_(std::move(storage)), fds_(fds), budget_(budget) {}
 
   bool dictionary(Cursor& in, size_t depth, std::shared_ptr<MessageDictionary>& out) {
     if (depth > kMessageMaxDepth) return fail("nesting too deep");
     size_t count;
     // Every entry takes at least two bytes (key length and value type).
     if (!in.length(count) || count > in.remaining() / 2) return fail("bad dictionary count");
+    // The entries, and the key list that checking large dictionaries for
+    // duplicates sorts.
+    if (!budget_.chargeObject<MessageDictionary>() ||
+        !budget_.charge(count, sizeof(MessageDictionary::Entry)) ||
+        (count > kPairwiseKeyCheck && !budget_.charge(count, sizeof(std::string_view))))
+      return overBudget();
     auto d = std::make_shared<MessageDictionary>();
     d->adoptStorage(storage_);
     d->entries_.reserve(count);
@@ -294,6 +326,7 @@ class MessageDecoder {
     reason_ = reason;
     return false;
   }
+  bool overBudget() { return fail("decoding needs too much memory for the body's size"); }
 
   bool fixed64(Cursor& in, double& d) {
     const uint8_t* p;
@@ -358,6 +391,7 @@ class MessageDecoder {
         if (!in.varint(index)) return fail("bad varint");
         ScopedFd fd = fds_.take(index);
         if (!fd) return fail("descriptor index out of range or reused");
+        if (!budget_.chargeObject<ScopedFd>()) return overBudget();
         out = MessageObject::FileDescriptor(std::move(fd));
         return true;
       }
@@ -367,6 +401,10 @@ class MessageDecoder {
         ScopedFd fd = fds_.take(index);
         if (!fd) return fail("descriptor index out of range or reused");
         if (length > std::numeric_limits<size_t>::max()) return fail("shared memory too long");
+        // The mapping is the sender's memory; only its bookkeeping is ours.
+        if (!budget_.chargeObject<MessageSharedMemory>() ||
+            !budget_.charge(1, kSharedMemoryRegionCost))
+          return overBudget();
         std::unique_ptr<SharedMemoryRegion> region =
             MapReceivedRegion(fd.release(), static_cast<size_t>(length));
         if (!region) return fail("shared memory rejected");
@@ -376,7 +414,11 @@ class MessageDecoder {
       case kArray: {
         if (depth > kMessageMaxDepth) return fail("nesting too deep");
         size_t count;
+        // A count never exceeds the bytes left: every item takes at least
+        // its type byte.
         if (!in.length(count)) return fail("bad array count");
+        if (!budget_.chargeObject<MessageArray>() || !budget_.charge(count, sizeof(MessageObject)))
+          return overBudget();
         auto a = MessageArray::Create();
         a->reserve(count);
         for (size_t i = 0; i < count; ++i) {
@@ -398,8 +440,12 @@ class MessageDecoder {
     }
   }
 
+  // A received region: the mapping's object, its deleter's bookkeeping.
+  static constexpr size_t kSharedMemoryRegionCost = 64 + kAllocationOverhead;
+
   std::shared_ptr<const void> storage_;
   DescriptorTable& fds_;
+  DecodeBudget& budget_;
   const char* reason_ = nullptr;
 };
 
@@ -498,6 +544,59 @@ bool ParseHeader(Cursor& in, MessageHeader& h, const char** reason) {
 
 }  // namespace
 
+namespace {
+
+// Decodes the body after the header: copies it, then builds its values.
+// Allocation failures escape as std::bad_alloc.
+bool DecodeBody(Cursor& in, const MessageHeader& h, DescriptorTable& fds,
+                std::shared_ptr<MessageDictionary>& out, const char** reason) {
+  const bool outOfLine = h.flags & MessageHeader::kOutOfLine;
+  // The body is decoded from a private copy: values view it without copying
+  // again, and nothing the sender does afterwards (it keeps its own mapping
+  // of an out-of-line body) can change bytes that were already checked.
+  std::unique_ptr<SharedMemoryRegion> region;
+  const uint8_t* source = in.position();
+  size_t bodyLength = in.remaining();
+  if (outOfLine) {
+    region =
+        MapReceivedRegion(fds.take(h.descriptorCount).release(), static_cast<size_t>(h.bodyLength));
+    if (!region) {
+      *reason = "out-of-line body rejected";
+      return false;
+    }
+    source = region->data();
+    bodyLength = region->size();
+  }
+  DecodeBudget budget(MessageDecodeBudget(bodyLength));
+  if (!budget.charge(1, bodyLength + kAllocationOverhead)) {
+    *reason = "body too large";
+    return false;
+  }
+  std::shared_ptr<uint8_t[]> body =
+      std::make_shared_for_overwrite<uint8_t[]>(bodyLength ? bodyLength : 1);
+  if (bodyLength) std::memcpy(body.get(), source, bodyLength);
+  region.reset();
+
+  Cursor bodyIn(body.get(), bodyLength);
+  uint8_t type;
+  if (!bodyIn.byte(type) || type != kDictionary) {
+    *reason = "body is not a dictionary";
+    return false;
+  }
+  MessageDecoder decoder(body, fds, budget);
+  if (!decoder.dictionary(bodyIn, 1, out)) {
+    *reason = decoder.reason();
+    return false;
+  }
+  if (!bodyIn.atEnd()) {
+    *reason = "bytes after the body";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 std::optional<ReceivedMessage> DecodeMessage(std::span<const uint8_t> datagram,
                                              std::span<const int> descriptors,
                                              const char** reason) {
@@ -514,41 +613,12 @@ std::optional<ReceivedMessage> DecodeMessage(std::span<const uint8_t> datagram,
                                              : "fewer descriptors than declared";
     return std::nullopt;
   }
-
-  // The body is decoded from a private copy: values view it without copying
-  // again, and nothing the sender does afterwards (it keeps its own mapping
-  // of an out-of-line body) can change bytes that were already checked.
-  size_t bodyLength;
-  std::shared_ptr<uint8_t[]> body;
-  if (outOfLine) {
-    std::unique_ptr<SharedMemoryRegion> region =
-        MapReceivedRegion(fds.take(h.descriptorCount).release(), static_cast<size_t>(h.bodyLength));
-    if (!region) {
-      *reason = "out-of-line body rejected";
-      return std::nullopt;
-    }
-    bodyLength = region->size();
-    body = std::make_shared_for_overwrite<uint8_t[]>(bodyLength);
-    std::memcpy(body.get(), region->data(), bodyLength);
-  } else {
-    bodyLength = in.remaining();
-    body = std::make_shared_for_overwrite<uint8_t[]>(bodyLength ? bodyLength : 1);
-    if (bodyLength) std::memcpy(body.get(), in.position(), bodyLength);
-  }
-
-  Cursor bodyIn(body.get(), bodyLength);
-  uint8_t type;
-  if (!bodyIn.byte(type) || type != kDictionary) {
-    *reason = "body is not a dictionary";
-    return std::nullopt;
-  }
-  MessageDecoder decoder(body, fds);
-  if (!decoder.dictionary(bodyIn, 1, message.body)) {
-    *reason = decoder.reason();
-    return std::nullopt;
-  }
-  if (!bodyIn.atEnd()) {
-    *reason = "bytes after the body";
+  // The budget keeps a hostile body from costing much, but the process may
+  // be short of memory anyway; a reader thread must survive that.
+  try {
+    if (!DecodeBody(in, h, fds, message.body, reason)) return std::nullopt;
+  } catch (const std::bad_alloc&) {
+    *reason = "out of memory";
     return std::nullopt;
   }
   if (!fds.allTaken(h.descriptorCount)) {

@@ -50,6 +50,21 @@ inline constexpr size_t kMessageMaxDepth = 32;
 inline constexpr size_t kMessageMaxHeader = 2 + 4 * 10;
 inline constexpr uint64_t kMessageMaxBody = uint64_t{256} << 20;
 
+// What decoding one body may allocate on the heap, private copy of the body
+// included: a small multiple of the body's size, so that a hostile sender
+// cannot make a receiver hold many times what it sent (an array of N one-byte
+// nulls would otherwise cost N objects of 40 bytes). Lists of small
+// dictionaries of short strings and numbers, the densest ordinary traffic,
+// take about nine times their size. Small bodies get a fixed floor, since
+// even an empty dictionary costs a few hundred bytes.
+inline constexpr size_t kMessageDecodeBudgetFactor = 16;
+inline constexpr size_t kMessageDecodeBudgetFloor = 64 * 1024;
+inline constexpr size_t MessageDecodeBudget(size_t bodyLength) {
+  return bodyLength > kMessageDecodeBudgetFloor / kMessageDecodeBudgetFactor
+             ? bodyLength * kMessageDecodeBudgetFactor
+             : kMessageDecodeBudgetFloor;
+}
+
 struct MessageHeader {
   enum Flags : uint8_t { kWantsReply = 1, kIsReply = 2, kOutOfLine = 4 };
   uint8_t flags = 0;
@@ -101,6 +116,9 @@ class OutgoingMessage {
   std::span<const uint8_t> body() const;
   // The body's descriptors, then the out-of-line memfd.
   std::span<const int> descriptors() const { return descriptors_; }
+  // Bytes the datagram holds while it waits to be sent: header, inline body
+  // and the out-of-line body's memory.
+  uint64_t heldBytes() const { return headerLength_ + body().size() + outOfLineLength_; }
 
  private:
   uint8_t header_[kMessageMaxHeader];
@@ -120,9 +138,10 @@ struct ReceivedMessage {
 // Decodes one received datagram and the descriptors that came with it. Owns
 // `descriptors` from the call on: each is adopted by a value of the result
 // or closed before returning. Nullopt for a malformed datagram, with
-// `*reason` (when given) saying why. Never reads outside `datagram` or the
-// mapped out-of-line body; the result's strings and data do not alias
-// `datagram`.
+// `*reason` (when given) saying why; a body whose values would need more
+// than MessageDecodeBudget() of heap, or that meets an allocation failure,
+// counts as malformed. Never reads outside `datagram` or the mapped
+// out-of-line body; the result's strings and data do not alias `datagram`.
 std::optional<ReceivedMessage> DecodeMessage(std::span<const uint8_t> datagram,
                                              std::span<const int> descriptors,
                                              const char** reason = nullptr);

@@ -12,9 +12,11 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "kx/assert.h"
@@ -32,6 +34,30 @@ constexpr size_t kMaxReceivedDescriptors = 253;
 constexpr auto kConnectRetryDelay = std::chrono::milliseconds(10);
 // Pause after the process ran out of descriptors while accepting.
 constexpr auto kAcceptRetryDelay = std::chrono::milliseconds(100);
+// What may wait in this process for a peer that does not read: each queued
+// datagram holds duplicates of its descriptors and a copy of its bytes.
+// Beyond either bound the peer counts as lost.
+constexpr size_t kMaxQueuedDatagrams = 256;
+constexpr uint64_t kMaxQueuedBytes = uint64_t{16} << 20;
+
+std::mutex& ConnectRetryHookMutex() {
+  static auto* mutex = new std::mutex();
+  return *mutex;
+}
+// Guarded by ConnectRetryHookMutex().
+std::function<void()>& ConnectRetryHook() {
+  static auto* hook = new std::function<void()>();
+  return *hook;
+}
+
+void RunConnectRetryHook() {
+  std::function<void()> hook;
+  {
+    std::lock_guard lock(ConnectRetryHookMutex());
+    hook = ConnectRetryHook();
+  }
+  if (hook) hook();
+}
 
 // Hands one datagram to the kernel without waiting. 0 or an errno value.
 int SendDatagram(int fd, std::span<const uint8_t> first, std::span<const uint8_t> second,
@@ -85,6 +111,7 @@ struct MessageConnection::State {
   struct Queued {
     std::vector<uint8_t> bytes;
     std::vector<ScopedFd> descriptors;
+    uint64_t heldBytes = 0;  // counted in `queuedBytes`
     uint64_t replySerial = 0;
     std::function<void()> barrier;
   };
@@ -121,6 +148,10 @@ struct MessageConnection::State {
   uint64_t nextSerial = 1;
   std::unordered_map<uint64_t, PendingReply> pending;
   std::deque<Queued> queued;
+  // The datagrams in `queued` (barrier marks aside) and the bytes they hold.
+  size_t queuedDatagrams = 0;
+  uint64_t queuedBytes = 0;
+  bool interruptReported = false;
   bool writeWaitArmed = false;  // registered with the WritableWaiter
   std::optional<PeerIdentity> identity;
 
@@ -142,6 +173,8 @@ struct MessageConnection::State {
     for (Queued& q : queued)
       if (q.barrier) queue->async(std::move(q.barrier));
     queued.clear();
+    queuedDatagrams = 0;
+    queuedBytes = 0;
     if (writeWaitArmed) WritableWaiter::Shared().cancel(fd.get());
     writeWaitArmed = false;
   }
@@ -165,10 +198,39 @@ struct MessageConnection::State {
     answerLocked(replySerial, MessageError::Interrupted);
   }
 
+  // The Interrupted event, at most once per connection.
+  void reportInterruptedLocked(const std::shared_ptr<MessageConnection>& self) {
+    if (std::exchange(interruptReported, true)) return;
+    targetLocked()->async([self] {
+      State& s = *self->state_;
+      if (!s.cancelledFlag.load(std::memory_order_acquire) && s.handler)
+        s.handler(MessageObject::Error(MessageError::Interrupted));
+    });
+  }
+
+  // The peer stopped reading: the connection ends as if it had gone. The
+  // reader wakes up on the shutdown and finishes without a second report.
+  void abandonSlowPeerLocked(const std::shared_ptr<MessageConnection>& self) {
+    KXLOG(3, "Peer of %s does not read: %zu messages (%llu bytes) wait to be sent", name,
+          queuedDatagrams, static_cast<unsigned long long>(queuedBytes));
+    ended = true;
+    endError = MessageError::Interrupted;
+    drainLocked(MessageError::Interrupted);
+    reportInterruptedLocked(self);
+    if (fd) shutdown(fd.get(), SHUT_RDWR);
+  }
+
   void enqueueLocked(const std::shared_ptr<MessageConnection>& self, const OutgoingMessage& out,
                      uint64_t replySerial) {
+    // A single datagram larger than the byte bound may still wait alone.
+    if (queuedDatagrams >= kMaxQueuedDatagrams ||
+        (queuedDatagrams > 0 && queuedBytes + out.heldBytes() > kMaxQueuedBytes)) {
+      abandonSlowPeerLocked(self);
+      return;
+    }
     Queued q;
     q.replySerial = replySerial;
+    q.heldBytes = out.heldBytes();
     q.bytes.reserve(out.header().size() + out.body().size());
     q.bytes.insert(q.bytes.end(), out.header().begin(), out.header().end());
     q.bytes.insert(q.bytes.end(), out.body().begin(), out.body().end());
@@ -180,6 +242,8 @@ struct MessageConnection::State {
       }
       q.descriptors.push_back(std::move(copy));
     }
+    ++queuedDatagrams;
+    queuedBytes += q.heldBytes;
     queued.push_back(std::move(q));
     if (connected) armWriteWaitLocked(self);
   }
@@ -201,6 +265,8 @@ struct MessageConnection::State {
         return;
       }
       if (error) sendFailedLocked(error, q.replySerial);
+      --queuedDatagrams;
+      queuedBytes -= q.heldBytes;
       queued.pop_front();
     }
   }
@@ -299,13 +365,7 @@ struct MessageConnection::State {
         endError = interrupted ? MessageError::Interrupted : MessageError::Invalid;
       }
       drainLocked(endError);
-      if (interrupted) {
-        targetLocked()->async([self] {
-          State& s = *self->state_;
-          if (!s.cancelledFlag.load(std::memory_order_acquire) && s.handler)
-            s.handler(MessageObject::Error(MessageError::Interrupted));
-        });
-      }
+      if (interrupted) reportInterruptedLocked(self);
       readerActive = false;
       if ((cancelled || how == End::Unreachable) && !invalidDelivered) postFinalLocked(self);
     }
@@ -317,10 +377,15 @@ struct MessageConnection::State {
         std::lock_guard lock(mu);
         if (cancelled) return false;
       }
+      RunConnectRetryHook();
       int error = 0;
       ScopedFd socket = ConnectToService(name, &error);
       if (socket) {
         std::lock_guard lock(mu);
+        // A cancel while connecting found no socket to shut down; a socket
+        // stored now would leave the reader blocked on a live peer and the
+        // end never reported.
+        if (cancelled) return false;
         fd = std::move(socket);
         connected = true;
         return true;
@@ -620,6 +685,11 @@ std::optional<std::string> MessageConnection::copyPeerBundleIdentifier() {
   std::optional<PeerIdentity> identity = peerIdentity();
   if (!identity) return std::nullopt;
   return PeerBundleIdentifier(*identity);
+}
+
+void SetConnectRetryHookForTesting(std::function<void()> hook) {
+  std::lock_guard lock(ConnectRetryHookMutex());
+  ConnectRetryHook() = std::move(hook);
 }
 
 }  // namespace kx

@@ -11,8 +11,10 @@
 // - Invalid: the service could not be reached, or the connection was
 //   cancelled. It is always the last event; the event handler is released
 //   right after it runs.
-// - Interrupted: the peer went away after the connection was made. At most
-//   once; a later `cancel` still delivers Invalid.
+// - Interrupted: the peer went away after the connection was made, or
+//   stopped reading while 256 datagrams or 16 MiB already waited for it (the
+//   connection is then shut down). At most once; a later `cancel` still
+//   delivers Invalid.
 // - When the connection ends (interrupted, cancelled, unreachable), every
 //   reply still awaited is answered with the error event on its reply
 //   queue, so reply handlers always run exactly once and never leak.
@@ -103,5 +105,10 @@ class MessageConnection : public std::enable_shared_from_this<MessageConnection>
 
   std::unique_ptr<State> state_;
 };
+
+// Test seam: runs on a client's reader thread before each connection attempt
+// it retries (while the service's backlog is full), after the attempt's check
+// for cancellation and without any lock held. Null removes it.
+void SetConnectRetryHookForTesting(std::function<void()> hook);
 
 }  // namespace kx

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -17,6 +19,7 @@
 #include "platform/message/message_codec.h"
 #include "platform/message/message_socket.h"
 #include "platform/message/message_testing.h"
+#include "platform/message/message_write_waiter.h"
 #include "platform/message/shared_memory.h"
 
 namespace kx {
@@ -339,24 +342,7 @@ TEST(MessageConnectionTest, ClientReachesTheDaemonThatTheLauncherRestarted) {
   EXPECT_NE(kill(restarted, 0), 0);
 }
 
-// Sends one raw datagram with descriptors, as a broken or hostile peer would.
-void SendRaw(int socket, std::span<const uint8_t> bytes, std::span<const int> fds = {}) {
-  iovec iov{const_cast<uint8_t*>(bytes.data()), bytes.size()};
-  msghdr msg{};
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 8)] = {};
-  if (!fds.empty()) {
-    msg.msg_control = control;
-    msg.msg_controllen = CMSG_SPACE(fds.size() * sizeof(int));
-    cmsghdr* c = CMSG_FIRSTHDR(&msg);
-    c->cmsg_level = SOL_SOCKET;
-    c->cmsg_type = SCM_RIGHTS;
-    c->cmsg_len = CMSG_LEN(fds.size() * sizeof(int));
-    std::memcpy(CMSG_DATA(c), fds.data(), fds.size() * sizeof(int));
-  }
-  ASSERT_EQ(sendmsg(socket, &msg, MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-}
+using test::SendRaw;
 
 TEST(MessageConnectionTest, HostileDatagramsAreDroppedWithoutLeaks) {
   LocalServer server("hostile");
@@ -400,6 +386,12 @@ TEST(MessageConnectionTest, HostileDatagramsAreDroppedWithoutLeaks) {
   test::RawDatagram reused;
   reused.header(2).dictionary(2).text("a").bytes({0x0A, 0}).text("b").bytes({0x0A, 0});
   const std::vector<uint8_t> reusedIndex = reused.data();
+  // Rejected only after the region has been mapped.
+  test::RawDatagram mappedThenDuplicate;
+  mappedThenDuplicate.header(1).dictionary(2).text("m").bytes({0x0B, 0}).varint(100);
+  mappedThenDuplicate.text("m").byte(0);
+  const std::vector<uint8_t> badBody =
+      test::RawDatagram().dictionary(1).text("op").byte(0x0E).data();
 
   // Every kind of bad datagram, then a valid one: the connection delivers in
   // order, so once that arrives every earlier datagram has been dealt with.
@@ -430,6 +422,8 @@ TEST(MessageConnectionTest, HostileDatagramsAreDroppedWithoutLeaks) {
     sendWith(shmem(3 * 4096), memfd(page, 4096, /*sealed=*/true));
     sendWith(outOfLine(body.size()), memfd(body, body.size(), /*sealed=*/false));
     sendWith(outOfLine(body.size() + 50), memfd(body, body.size(), /*sealed=*/true));
+    sendWith(mappedThenDuplicate.data(), memfd(page, 4096, /*sealed=*/true));
+    sendWith(outOfLine(badBody.size()), memfd(badBody, badBody.size(), /*sealed=*/true));
     SendRaw(raw.get(), validBytes);
   };
 
@@ -438,12 +432,12 @@ TEST(MessageConnectionTest, HostileDatagramsAreDroppedWithoutLeaks) {
   sendHostileThenValid();
   ASSERT_TRUE(server.received->waitFor(1));
   const size_t descriptorsBefore = test::OpenDescriptorCount();
-  const size_t mappingsBefore = test::MappingCount();
+  const size_t mappingsBefore = test::SharedMemoryMappingCount();
 
   sendHostileThenValid();
   ASSERT_TRUE(server.received->waitFor(2));
   EXPECT_EQ(test::OpenDescriptorCount(), descriptorsBefore);
-  EXPECT_EQ(test::MappingCount(), mappingsBefore);
+  EXPECT_EQ(test::SharedMemoryMappingCount(), mappingsBefore);
   std::this_thread::sleep_for(50ms);
   std::vector<MessageObject> received = server.received->events();
   ASSERT_EQ(received.size(), 2u);
@@ -525,6 +519,92 @@ TEST(MessageConnectionTest, CancelledListenerRefusesNewClients) {
   Client after("gone");
   ASSERT_TRUE(after.events->waitFor(1));
   EXPECT_EQ(after.events->events()[0].errorValue(), MessageError::Invalid);
+}
+
+// A service whose backlog holds one connection that nobody accepts, so that
+// clients find it full and retry until `makeRoom`.
+class BusyService {
+ public:
+  explicit BusyService(std::string_view name) : path_(*ServiceSocketPath(name)) {
+    listening_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    filler_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path_.c_str(), path_.size());
+    auto* sa = reinterpret_cast<sockaddr*>(&address);
+    EXPECT_EQ(bind(listening_.get(), sa, sizeof address), 0);
+    EXPECT_EQ(listen(listening_.get(), 0), 0);
+    EXPECT_EQ(connect(filler_.get(), sa, sizeof address), 0);
+  }
+  ~BusyService() { unlink(path_.c_str()); }
+  // The next waiting client.
+  ScopedFd accept() { return ScopedFd(accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC)); }
+  // Takes the connection that filled the backlog away.
+  void makeRoom() { accept(); }
+
+ private:
+  std::string path_;
+  ScopedFd listening_;
+  ScopedFd filler_;
+};
+
+TEST(MessageConnectionTest, CancelWhileRetryingToConnectEndsTheConnectionExactlyOnce) {
+  for (const bool cancelBeforeStored : {true, false}) {
+    SCOPED_TRACE(cancelBeforeStored ? "cancel before the socket is stored" : "cancel after");
+    BusyService service("busy");
+    Client client("busy", /*resume=*/false);
+    std::atomic<bool> armed{true};
+    std::promise<void> roomMade;
+    SetConnectRetryHookForTesting([&] {
+      if (!armed.exchange(false)) return;
+      service.makeRoom();
+      if (cancelBeforeStored) client.connection->cancel();
+      roomMade.set_value();
+    });
+    client.connection->resume();
+    ASSERT_EQ(roomMade.get_future().wait_for(kTimeout), std::future_status::ready);
+    if (!cancelBeforeStored) {
+      // Queued until connected: its arrival shows that the reader stored
+      // the socket and flushed.
+      client.connection->send(*Op("hello"));
+      ScopedFd peer = service.accept();
+      ASSERT_TRUE(peer);
+      pollfd p{peer.get(), POLLIN, 0};
+      ASSERT_EQ(poll(&p, 1, 10'000), 1);
+      client.connection->cancel();
+    }
+    ASSERT_TRUE(client.events->waitFor(1));
+    std::this_thread::sleep_for(50ms);
+    SetConnectRetryHookForTesting(nullptr);
+    std::vector<MessageObject> events = client.events->events();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].errorValue(), MessageError::Invalid);
+  }
+}
+
+TEST(MessageConnectionTest, APeerThatNeverReadsIsInterruptedOnceAndHoldsFewDescriptors) {
+  std::string error;
+  std::optional<ServiceListener> listener = ListenOnService("stuck", &error);
+  ASSERT_TRUE(listener) << error;
+  Client client("stuck");
+  ScopedFd peer(accept4(listener->fd.get(), nullptr, nullptr, SOCK_CLOEXEC));  // never read
+  ASSERT_TRUE(peer);
+
+  // Each queued copy of the message holds a duplicate of its descriptor.
+  auto message = Dict({{"fd", MessageObject::FileDescriptor(ScopedFd(eventfd(0, EFD_CLOEXEC)))}});
+  WritableWaiter::Shared();  // its descriptors are the process's, made on first use
+  const size_t baseline = test::OpenDescriptorCount();
+  for (int i = 0; i < 3000; ++i) client.connection->send(*message);
+  EXPECT_LE(test::OpenDescriptorCount(), baseline + 256);
+
+  ASSERT_TRUE(client.events->waitFor(1));
+  EXPECT_EQ(Request(*client.connection, *message).errorValue(), MessageError::Interrupted);
+  std::this_thread::sleep_for(50ms);
+  std::vector<MessageObject> events = client.events->events();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].errorValue(), MessageError::Interrupted);
+  EXPECT_EQ(test::OpenDescriptorCount(), baseline);
+  RemoveServiceSocketFile(*listener);
 }
 
 }  // namespace

@@ -1,14 +1,17 @@
 // Test-only support for the message service: counting this process's
-// descriptors and mappings (to prove that hostile input leaks neither), and
-// building raw datagrams byte by byte.
+// descriptors and shared-memory mappings (to prove that hostile input leaks
+// neither), and building and sending raw datagrams byte by byte.
 #pragma once
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <cstdint>
 #include <fstream>
 #include <initializer_list>
@@ -32,10 +35,14 @@ inline size_t OpenDescriptorCount() {
   return n;
 }
 
-inline size_t MappingCount() {
+// Mappings of shared-memory files (memfds) in this process. Only these can
+// leak through the message layer; anonymous mappings come and go with the
+// allocator, thread stacks and, under the sanitizers, shadow memory and
+// their own background threads, so counting all of them is never exact.
+inline size_t SharedMemoryMappingCount() {
   std::ifstream maps("/proc/self/maps");
   size_t n = 0;
-  for (std::string line; std::getline(maps, line);) ++n;
+  for (std::string line; std::getline(maps, line);) n += line.find(" /memfd:") != std::string::npos;
   return n;
 }
 
@@ -88,6 +95,26 @@ class RawDatagram {
  private:
   std::vector<uint8_t> bytes_;
 };
+
+// Sends one raw datagram with descriptors, as a broken or hostile peer would.
+inline void SendRaw(int socket, std::span<const uint8_t> bytes, std::span<const int> fds = {}) {
+  iovec iov{const_cast<uint8_t*>(bytes.data()), bytes.size()};
+  msghdr msg{};
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 8)] = {};
+  ASSERT_LE(fds.size(), 8u);
+  if (!fds.empty()) {
+    msg.msg_control = control;
+    msg.msg_controllen = CMSG_SPACE(fds.size() * sizeof(int));
+    cmsghdr* c = CMSG_FIRSTHDR(&msg);
+    c->cmsg_level = SOL_SOCKET;
+    c->cmsg_type = SCM_RIGHTS;
+    c->cmsg_len = CMSG_LEN(fds.size() * sizeof(int));
+    std::memcpy(CMSG_DATA(c), fds.data(), fds.size() * sizeof(int));
+  }
+  ASSERT_EQ(sendmsg(socket, &msg, MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+}
 
 // Header and inline body of an encoded message as one datagram.
 inline std::vector<uint8_t> Flatten(const OutgoingMessage& out) {

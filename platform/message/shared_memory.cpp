@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -58,12 +60,20 @@ bool Seal(int fd) {
   return fcntl(fd, F_ADD_SEALS, kHandOverSeals) == 0;
 }
 
+// Ordinary shared memory (memfd, /dev/shm) lives on tmpfs, whose mappings
+// unmap at page granularity. Other files that accept seals (hugetlbfs) map in
+// larger units, so a page-rounded munmap of them fails and the mapping leaks.
+bool IsOrdinarySharedMemory(int fd) {
+  struct statfs fs;
+  return fstatfs(fd, &fs) == 0 && fs.f_type == TMPFS_MAGIC;
+}
+
 class MappedRegion final : public SharedMemoryRegion {
  public:
   MappedRegion(void* address, size_t mappedLength, size_t size)
       : address_(address), mappedLength_(mappedLength), size_(size) {}
   ~MappedRegion() override {
-    if (mappedLength_) munmap(address_, mappedLength_);
+    if (mappedLength_) UnmapSharedMemory(address_, mappedLength_);
   }
   const uint8_t* data() const override { return static_cast<const uint8_t*>(address_); }
   size_t size() const override { return size_; }
@@ -101,6 +111,12 @@ size_t RoundToPages(size_t length) {
   return (length + page - 1) / page * page;
 }
 
+void UnmapSharedMemory(void* address, size_t length) {
+  if (munmap(address, length) != 0)
+    KXLOG(3, "munmap of %zu bytes of shared memory at %p failed: %s", length, address,
+          std::strerror(errno));
+}
+
 void* SharedMemoryAllocator::Allocate(size_t length, size_t* allocatedLength) {
   // A zero-length request still gets one page so that it has an address.
   size_t rounded = RoundToPages(length ? length : 1);
@@ -133,7 +149,7 @@ void SharedMemoryAllocator::Free(void* address) {
     region = it->second;
     Table().erase(it);
   }
-  munmap(address, region.length);
+  UnmapSharedMemory(address, region.length);
   close(region.fd);
 }
 
@@ -190,6 +206,10 @@ std::unique_ptr<SharedMemoryRegion> MapReceivedRegion(int fd, size_t declaredLen
     ~Closer() { close(fd); }
   } closer{fd};
 
+  if (!IsOrdinarySharedMemory(fd)) {
+    KXLOG(3, "received shared memory is not ordinary shared memory");
+    return nullptr;
+  }
   // The shrink seal is what guarantees that the mapping cannot lose pages
   // under the reader (which would raise SIGBUS); descriptors that cannot be
   // sealed at all (not a memfd) fail here too.

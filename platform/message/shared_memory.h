@@ -19,6 +19,10 @@ namespace kx {
 size_t PageSize();
 // Rounds up to a whole number of pages.
 size_t RoundToPages(size_t length);
+// munmap that logs a failure at level 3: the mapping then stays for good,
+// which is always a bug (a length its file system rounds differently, an
+// address not mapped here).
+void UnmapSharedMemory(void* address, size_t length);
 
 // A region this process owns (writable) or received (read-only). Unmaps on
 // destruction; owns its descriptor.

@@ -1,6 +1,7 @@
 #include "platform/message/shared_memory.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -9,17 +10,13 @@
 #include <filesystem>
 #include <vector>
 
+#include "kx/log.h"
+#include "platform/message/message_testing.h"
+
 namespace kx {
 namespace {
 
-size_t OpenDescriptorCount() {
-  size_t n = 0;
-  for (auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    (void)entry;
-    ++n;
-  }
-  return n;
-}
+using test::OpenDescriptorCount;
 
 TEST(SharedMemoryTest, AllocatesPageRoundedZeroFilledRegions) {
   size_t allocated = 0;
@@ -99,6 +96,37 @@ TEST(SharedMemoryTest, ReceiverRefusesUnsafeRegionsAndClosesEveryDescriptor) {
   EXPECT_EQ(MapReceivedRegion(fd, PageSize() + 1), nullptr);
   EXPECT_EQ(MapReceivedRegion(-1, 10), nullptr);
   EXPECT_EQ(OpenDescriptorCount(), fdsBefore);
+}
+
+TEST(SharedMemoryTest, ReceiverRefusesFilesOutsideOrdinarySharedMemoryBeforeMapping) {
+  setKXLogLevel(3);
+  setKXLogOutputLevel(3);
+  constexpr const char* kRefused = "received shared memory is not ordinary shared memory";
+  auto refusal = [](int fd, size_t length) {
+    testing::internal::CaptureStderr();
+    const bool refused = MapReceivedRegion(fd, length) == nullptr;
+    const std::string log = testing::internal::GetCapturedStderr();
+    return refused ? log : "mapped";
+  };
+  const size_t mappingsBefore = test::SharedMemoryMappingCount();
+
+  // Huge-page memfds take seals like ordinary ones, but unmap only in whole
+  // huge pages. Kernels without hugetlbfs cannot make one.
+  ScopedFd huge(memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING | MFD_HUGETLB));
+  if (huge) {
+    ASSERT_EQ(ftruncate(huge.get(), 2 << 20), 0);
+    ASSERT_EQ(fcntl(huge.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW), 0);
+    EXPECT_THAT(refusal(huge.release(), PageSize()), testing::HasSubstr(kRefused));
+  }
+  // A file on disk, beside this test's executable.
+  const std::filesystem::path dir = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+  ScopedFd disk(open(dir.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+  ASSERT_TRUE(disk);
+  ASSERT_EQ(ftruncate(disk.get(), 4096), 0);
+  EXPECT_THAT(refusal(disk.release(), 10), testing::HasSubstr(kRefused));
+  // A device: refused whatever file system /dev is.
+  EXPECT_NE(refusal(open("/dev/zero", O_RDONLY | O_CLOEXEC), 10), "mapped");
+  EXPECT_EQ(test::SharedMemoryMappingCount(), mappingsBefore);
 }
 
 TEST(SharedMemoryTest, EmptyAndHeapRegions) {
