@@ -2,12 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <limits>
 #include <random>
+#include <thread>
 
-#include "base/bplist_validator.h"
+#include "tests/support/libplist_oracle.h"
 
 namespace kx {
 namespace {
@@ -120,8 +122,7 @@ TEST(PropertyListTest, NumberTypesDecodeAsBoolInt64OrDouble) {
     EXPECT_EQ(back.at(i).number()->type(), expected[i]) << i;
     EXPECT_EQ(back.at(i), in[i]) << i;
   }
-  // libplist merges equal scalars; -1 and 2^64-1 share their low 64 bits
-  // but must stay apart.
+  // -1 and 2^64-1 share their low 64 bits but must stay apart.
   const Value mixed = RoundTrip(Value(Array{Value(-1), Value(std::numeric_limits<uint64_t>::max()),
                                             Value(-1)}));
   EXPECT_EQ(mixed.at(0).number()->int64Value(), -1);
@@ -147,6 +148,10 @@ TEST(PropertyListTest, EncodingRefusesWhatAPropertyListCannotHold) {
     EXPECT_TRUE(EncodeBinaryPropertyList(v, &error).empty()) << v.description();
     EXPECT_FALSE(error.empty());
   }
+  // Output the reader would refuse is never written.
+  std::string error;
+  EXPECT_TRUE(EncodeBinaryPropertyList(Value(Value::Bytes(kMaxPropertyListBytes, 1)), &error).empty());
+  EXPECT_EQ(error, "property list too large");
 }
 
 Value Nested(size_t depth) {
@@ -297,6 +302,120 @@ TEST(PropertyListTest, DamagedBytesNeverCrash) {
     }
   }
   EXPECT_GT(decoded, 0u);  // some flips land in content and stay valid
+}
+
+// Values at every boundary of the format's encodings: integer widths,
+// lengths that need an extended count, reference and offset widths.
+Value Boundaries() {
+  Array numbers;
+  for (uint64_t v : {uint64_t{0}, uint64_t{255}, uint64_t{256}, uint64_t{65535}, uint64_t{65536},
+                     uint64_t{0xFFFFFFFF}, uint64_t{0x100000000}, uint64_t{INT64_MAX},
+                     uint64_t{INT64_MAX} + 1, UINT64_MAX}) {
+    numbers.push_back(Value(Number::UInt64(v)));
+  }
+  for (int64_t v : {int64_t{-1}, int64_t{-256}, int64_t{INT32_MIN}, INT64_MIN}) numbers.push_back(Value(v));
+  numbers.push_back(Value(Number::Float(-0.0f)));
+  numbers.push_back(Value(std::numeric_limits<double>::infinity()));
+  Array strings;
+  for (size_t n : {14, 15, 16, 255, 256, 70000}) {
+    strings.push_back(Value(std::string(n, 'a')));
+    strings.push_back(Value(std::string(n / 2, 'a') + "\xE2\x82\xAC"));  // one UTF-16 unit more
+    strings.push_back(Value(Value::Bytes(n, 7)));
+  }
+  Array many;  // more than 255 objects: 2-byte references
+  for (int i = 0; i < 300; ++i) many.push_back(Value(Dictionary{}));
+  Dictionary wide;
+  for (int i = 0; i < 20; ++i) wide["k" + std::to_string(i)] = Value(Array{});
+  return Value(MakeDictionary({{"numbers", numbers}, {"strings", strings}, {"many", many},
+                               {"wide", wide}, {"sample", Sample()}}));
+}
+
+// Random trees of every kind the format holds, from a fixed seed.
+class RandomValues {
+ public:
+  explicit RandomValues(uint32_t seed) : rng_(seed) {}
+
+  Value next(int depth = 0) {
+    switch (pick(depth < 4 ? 9 : 7)) {
+      case 0: return Value(pick(2) == 0);
+      case 1: return Value(Number::Int64(static_cast<int64_t>(rng_()) >> pick(64)));
+      case 2: return Value(Number::UInt64(rng_() | (pick(2) ? uint64_t{1} << 63 : 0)));
+      case 3: return Value(std::ldexp(static_cast<double>(rng_()), static_cast<int>(pick(200)) - 100));
+      case 4: return Value(Date{static_cast<double>(static_cast<int32_t>(rng_())) + pick(1000000) * 1e-6});
+      case 5: {
+        Value::Bytes b(pick(40));
+        for (uint8_t& c : b) c = static_cast<uint8_t>(rng_());
+        return Value(std::move(b));
+      }
+      case 6: return Value(text());
+      case 7: {
+        Array a;
+        for (size_t n = pick(20); n > 0; --n) a.push_back(next(depth + 1));
+        return Value(std::move(a));
+      }
+      default: {
+        Dictionary d;
+        for (size_t n = pick(20); n > 0; --n) d[text()] = next(depth + 1);
+        return Value(std::move(d));
+      }
+    }
+  }
+
+ private:
+  size_t pick(size_t n) { return static_cast<size_t>(rng_() % n); }
+  std::string text() {
+    static const char* const kPieces[] = {"a", "Z", "0", " ", "\xC3\xA9", "\xE6\x97\xA5",
+                                          "\xF0\x9F\x98\x80", "\xEF\xBF\xBF", "\x7F"};
+    std::string s;
+    for (size_t n = pick(24); n > 0; --n) s += kPieces[pick(std::size(kPieces))];
+    return s;
+  }
+  std::mt19937_64 rng_;
+};
+
+// libplist reads what we write as the value we wrote, and we read what it
+// writes (which shares equal strings and numbers between references) as
+// the value it holds.
+TEST(PropertyListTest, AgreesWithLibplistBothWays) {
+  std::vector<Value> values = {Boundaries(), Value(Array{}), Value(Dictionary{}), Value(""),
+                               Value(Nested(kMaxPropertyListDepth))};
+  RandomValues random(20261123);
+  for (int i = 0; i < 200; ++i) values.push_back(random.next());
+  for (const Value& v : values) {
+    const std::vector<uint8_t> ours = EncodeBinaryPropertyList(v);
+    ASSERT_FALSE(ours.empty()) << v.description();
+    EXPECT_EQ(RoundTrip(v), v);
+    test::LibplistNode read = test::LibplistRead(ours);
+    ASSERT_TRUE(read) << v.description();
+    EXPECT_EQ(test::LibplistDifference(v, read.get()), "");
+
+    test::LibplistNode tree = test::ToLibplist(v);
+    const std::vector<uint8_t> theirs = test::LibplistWrite(tree.get());
+    PropertyListResult r = DecodeBinaryPropertyList(theirs);
+    ASSERT_TRUE(r.ok()) << r.error;
+    EXPECT_EQ(test::LibplistDifference(r.value, tree.get()), "");
+  }
+}
+
+// The writer keeps index tables per thread; threads writing at once must
+// not share them.
+TEST(PropertyListTest, ThreadsEncodeAtOnce) {
+  const Value small = Sample();
+  const Value large = Boundaries();  // more than 256 objects: written twice
+  const std::vector<uint8_t> expectedSmall = EncodeBinaryPropertyList(small);
+  const std::vector<uint8_t> expectedLarge = EncodeBinaryPropertyList(large);
+  std::vector<std::thread> threads;
+  std::atomic<int> mismatches{0};
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 50; ++i) {
+        const bool big = (i + t) % 2 == 0;
+        if (EncodeBinaryPropertyList(big ? large : small) != (big ? expectedLarge : expectedSmall)) ++mismatches;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(mismatches.load(), 0);
 }
 
 }  // namespace

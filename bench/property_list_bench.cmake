@@ -1,0 +1,2 @@
+# Our property-list codec against libplist on the same bytes.
+target_link_libraries(${_name} PRIVATE PkgConfig::PLIST)
