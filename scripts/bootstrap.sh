@@ -12,6 +12,7 @@ packages=(
   libsystemd-dev dbus dbus-daemon util-linux
   clang-14 libclang-rt-14-dev
   attr
+  qt6-base-dev
 )
 
 missing=()

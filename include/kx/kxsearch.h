@@ -1,4 +1,5 @@
-// Everything an application or a search service needs from kxsearch.
+// Everything an application or a search service needs from kxsearch (the
+// Qt privacy view of libkxsearch-ui has its own header).
 #pragma once
 
 #include "kx/KXContentResult.h"
@@ -16,6 +17,7 @@
 #include "kx/KXFeedbackSearch.h"
 #include "kx/KXFeedbackSpeechResult.h"
 #include "kx/KXFeedbackVoiceSearch.h"
+#include "kx/KXMatcher.h"
 #include "kx/KXSearchQuery.h"
 #include "kx/KXSearchResult.h"
 #include "kx/KXSearchResultDeserializer.h"
@@ -27,6 +29,7 @@
 #include "kx/WireWriter.h"
 #include "kx/archivable.h"
 #include "kx/assert.h"
+#include "kx/date_strings.h"
 #include "kx/device_kind.h"
 #include "kx/exception.h"
 #include "kx/export.h"
