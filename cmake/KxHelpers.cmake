@@ -19,7 +19,7 @@ function(kx_add_test_executable name)
   # once-only initialisation, counters) starts fresh in each.
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
     PROPERTIES TIMEOUT 120
-    ENVIRONMENT "KX_RESOURCE_DIR=${CMAKE_BINARY_DIR}/resources;KX_TEST_BINARY_DIR=${CMAKE_BINARY_DIR}")
+    ENVIRONMENT "KX_RESOURCE_DIR=${CMAKE_BINARY_DIR}/resources")
 endfunction()
 
 # A fuzz target `fuzz/<name>_fuzz.cpp` defines LLVMFuzzerTestOneInput. In the

@@ -40,7 +40,7 @@ const std::string& TestRoot() { return Root(); }
 
 std::string HelperPath(const std::string& name) {
   const char* dir = std::getenv("KX_TEST_BINARY_DIR");
-  return std::string(dir ? dir : ".") + "/" + name;
+  return std::string(dir && *dir ? dir : KX_TEST_BINARY_DIR) + "/" + name;
 }
 
 void SetUpIsolatedEnvironment() {
