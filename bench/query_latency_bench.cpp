@@ -26,6 +26,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "kx/KXDaemonConnection.h"
 #include "kx/KXSearchResultSection.h"
 #include "platform/process/child_process.h"
@@ -81,18 +82,6 @@ class StampingDelegate : public KXDaemonQueryDelegate {
   size_t count_ = 0;
 };
 
-double Percentile(std::vector<uint64_t> samples, double p) {
-  std::sort(samples.begin(), samples.end());
-  const size_t index = std::min(samples.size() - 1, static_cast<size_t>(p * samples.size()));
-  return static_cast<double>(samples[index]) / 1000.0;
-}
-
-void Report(const char* what, const std::vector<uint64_t>& samples) {
-  std::printf("%-10s median %8.1f us   p99 %8.1f us   min %8.1f us   max %8.1f us\n", what,
-              Percentile(samples, 0.5), Percentile(samples, 0.99), Percentile(samples, 0.0),
-              Percentile(samples, 1.0));
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -105,19 +94,9 @@ int main(int argc, char** argv) {
   const int queries = argc > 1 ? std::atoi(argv[1]) : 2000;
   constexpr int kWarmUp = 100;
 
-  // A private service directory, so that the benchmark never meets a real
-  // daemon or a parallel run.
-  std::string root = (std::filesystem::temp_directory_path() / "kx-latency.XXXXXX").string();
-  if (!mkdtemp(root.data())) return 1;
-  setenv("XDG_RUNTIME_DIR", root.c_str(), 1);
-  setenv("KX_SERVICE_DIR", (root + "/services").c_str(), 1);
   const std::string service = "latency";
-  std::optional<kx::ChildProcess> launcher = kx::ChildProcess::Spawn(
-      KX_LAUNCH, {"--name", service, "--", KX_TEST_DAEMON, "--service", service, "--log",
-                  root + "/received"});
-  if (!launcher) return 1;
-  const std::string socket = *kx::ServiceSocketPath(service);
-  while (access(socket.c_str(), F_OK) != 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  kx::bench::PrivateTestDaemon daemon(KX_LAUNCH, KX_TEST_DAEMON, service);
+  if (!daemon.running()) return 1;
 
   auto connection = KXDaemonConnection::initWithDaemonName(service);
   auto queue = kx::Queue::Create("bench.query");
@@ -144,12 +123,10 @@ int main(int argc, char** argv) {
     decoded.push_back(read - start);
   }
   std::printf("%d queries of one 100-result batch each\n", queries);
-  Report("delivered", delivered);
-  Report("decoded", decoded);
+  kx::bench::Report("delivered", delivered);
+  kx::bench::Report("decoded", decoded);
 
   connection.reset();
-  launcher.reset();
-  std::filesystem::remove_all(root);
   return 0;
 #endif
 }

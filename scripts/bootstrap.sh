@@ -13,6 +13,7 @@ packages=(
   clang-14 libclang-rt-14-dev
   attr
   qt6-base-dev
+  libglib2.0-dev
 )
 
 missing=()

@@ -44,6 +44,10 @@ git ls-files -co --exclude-standard -- '*.h' '*.hpp' '*.cpp' '*.cc' |
       target = inc
       if (inc ~ /^kx\//) target = "include/" inc
       else if (inc !~ /\//) next            # same-folder include
+      if (file ~ /^include\/kx\// && inc !~ /^kx\//) {
+        printf "check-layers: %s:%s: a public header includes the internal %s\n", file, lineno, inc > "/dev/stderr"
+        bad = 1; next
+      }
       if (target ~ /^tests\/support\// && file ~ /(_test\.cpp|_testing\.h)$/) next
       from = layerOf(file); to = layerOf(target)
       if (from == "") { printf "check-layers: %s has no layer\n", file > "/dev/stderr"; bad = 1; next }

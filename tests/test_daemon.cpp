@@ -1,6 +1,7 @@
 // A scriptable search daemon for the daemon-client tests and benchmarks.
 //
 //   test_daemon --service <name> --log <file> [--silent | --reply-errors]
+//               [--per-query-scripts] [--empty-query-script <script>]
 //
 // Serves <name> with a KXDPQServer (on the socket a launcher passed, if
 // any) and answers the client's requests:
@@ -17,7 +18,11 @@
 //   anything else is recorded only.
 // --silent answers nothing (requests stay pending); --reply-errors closes
 // the peer's connection instead of answering, so the client's awaited
-// replies end in errors.
+// replies end in errors. --per-query-scripts runs each query's script on a
+// queue of its own, so a query that sleeps holds back only its own batches
+// and batches of different queries may arrive in any order.
+// --empty-query-script gives queries with an empty text (zero-keyword
+// queries) a script to run.
 //
 // Every received message is appended to <file> as one line
 //   <pid> TAB <name> TAB <info keys, comma-separated> TAB <details>
@@ -27,6 +32,18 @@
 //
 // Query scripts: words separated by blanks, run in order on one queue:
 //   results:D:N     a batch of one section of domain D with N results
+//                   titled r1..rN with identifiers 1..N. Attributes follow,
+//                   each after a ';': section attributes di=<display id>,
+//                   flags=<n>, cat=<category>; result attributes
+//                   r.<field>=v1|v2|... give result i the value v(i mod
+//                   count), an empty value leaving the field unset. Fields:
+//                   title, url, bundle (bundleID), sd (searchResultDomain),
+//                   and the server properties header (section_header),
+//                   type, fbr, adam (adam_id), bundle_id, maps
+//                   (maps_result_type), more, more_url, card (one row card
+//                   "key@url").
+//   A+B+...         one batch holding the sections A, B... (each a
+//                   results word)
 //   reset           "SearchReset"
 //   complete[:F:W]  "SearchComplete", with "FBQ" F and "WFBQ" W when given
 //   error[:C]       "SearchError", with "ERR" C when given
@@ -72,6 +89,8 @@ struct Options {
   std::string service;
   std::string log;
   Mode mode = Mode::Answer;
+  bool perQueryScripts = false;
+  std::string emptyQueryScript;
 };
 
 int gLog = -1;
@@ -123,17 +142,78 @@ long Number(const std::vector<std::string>& parts, size_t index, long fallback) 
   return index < parts.size() ? std::strtol(parts[index].c_str(), nullptr, 10) : fallback;
 }
 
-void SendBatch(const Connection& peer, std::optional<uint32_t> qid, uint32_t domain, long count) {
+// Applies a "r.<field>=v1|v2" attribute to the result of 0-based `index`.
+void SetResultField(KXSearchResult& result, const std::string& field,
+                    const std::vector<std::string>& values, size_t index) {
+  if (values.empty()) return;
+  const std::string& value = values[index % values.size()];
+  if (value.empty()) return;
+  if (field == "title") {
+    result.setTitle(value);
+  } else if (field == "url") {
+    result.setUrl(value);
+  } else if (field == "bundle") {
+    result.setBundleID(value);
+  } else if (field == "sd") {
+    result.setSearchResultDomain(static_cast<uint32_t>(std::strtoul(value.c_str(), nullptr, 10)));
+  } else if (field == "card") {
+    const size_t at = value.find('@');
+    kx::Dictionary card = {{"type", "row"}, {"key", value.substr(0, at)}};
+    if (at != std::string::npos) card["url"] = value.substr(at + 1);
+    result.setValue(kx::Array{kx::Value(std::move(card))}, "card_sections");
+  } else {
+    static const std::pair<const char*, const char*> kServerKeys[] = {
+        {"header", "section_header"}, {"type", "type"}, {"fbr", "fbr"}, {"adam", "adam_id"},
+        {"bundle_id", "bundle_id"}, {"maps", "maps_result_type"}, {"more", "more"},
+        {"more_url", "more_url"}};
+    for (const auto& [name, key] : kServerKeys)
+      if (field == name) result.setValue(kx::Value(value), key);
+  }
+}
+
+// One section from a "results:D:N;attr=value;..." word.
+std::shared_ptr<KXSearchResultSection> MakeSection(const std::string& word) {
+  const std::vector<std::string> attributes = Split(word, ';');
+  const std::vector<std::string> parts = Split(attributes.empty() ? word : attributes[0], ':');
   auto section = std::make_shared<KXSearchResultSection>();
-  section->setDomain(domain);
+  section->setDomain(static_cast<uint32_t>(Number(parts, 1, 0)));
+  const long count = Number(parts, 2, 1);
+  std::vector<std::shared_ptr<KXSearchResult>> results;
   for (long i = 1; i <= count; ++i) {
     auto result = std::make_shared<KXSearchResult>();
     result->setTitle("r" + std::to_string(i));
     result->setIdentifier(static_cast<uint64_t>(i));
-    section->addResults(result);
+    results.push_back(result);
   }
+  for (size_t a = 1; a < attributes.size(); ++a) {
+    const std::string& attribute = attributes[a];
+    const size_t equals = attribute.find('=');
+    if (equals == std::string::npos) continue;
+    const std::string name = attribute.substr(0, equals);
+    const std::string value = attribute.substr(equals + 1);
+    if (name == "di") {
+      section->setDisplayIdentifier(value);
+    } else if (name == "cat") {
+      section->setCategory(value);
+    } else if (name == "flags") {
+      section->setFlags(static_cast<int32_t>(std::strtol(value.c_str(), nullptr, 0)));
+    } else if (name.rfind("r.", 0) == 0) {
+      std::vector<std::string> values;
+      std::stringstream in(value);
+      for (std::string v; std::getline(in, v, '|');) values.push_back(v);
+      if (!value.empty() && value.back() == '|') values.emplace_back();
+      for (size_t i = 0; i < results.size(); ++i)
+        SetResultField(*results[i], name.substr(2), values, i);
+    }
+  }
+  for (const auto& result : results) section->addResults(result);
+  return section;
+}
+
+void SendSections(const Connection& peer, std::optional<uint32_t> qid,
+                  const std::vector<std::shared_ptr<KXSearchResultSection>>& sections) {
   auto serializer = KXSearchResultSerializer::initWithInitialCapacity(0, /*inProc=*/false);
-  serializer->appendSection(section);
+  for (const auto& section : sections) serializer->appendSection(section);
   serializer->serialize();
   auto message = KXDPQMessage::initWithName("SearchResults");
   if (qid) message->setInfo(kx::MakeDictionary({{"QID", kx::Number::UInt32(*qid)}}));
@@ -142,6 +222,11 @@ void SendBatch(const Connection& peer, std::optional<uint32_t> qid, uint32_t dom
   // The message layer sends a sealed duplicate of the region's descriptor
   // before this returns, so the serializer may go.
   peer->sendMessage(message);
+}
+
+void SendBatch(const Connection& peer, std::optional<uint32_t> qid, uint32_t domain, long count) {
+  SendSections(peer, qid, {MakeSection("results:" + std::to_string(domain) + ":" +
+                                       std::to_string(count))});
 }
 
 void Send(const Connection& peer, const char* name, kx::Dictionary info) {
@@ -155,8 +240,10 @@ void RunScript(const Connection& peer, uint32_t qid, const std::string& script) 
     const std::vector<std::string> parts = Split(word, ':');
     const std::string& command = parts[0];
     kx::Dictionary info = {{"QID", kx::Number::UInt32(qid)}};
-    if (command == "results") {
-      SendBatch(peer, qid, static_cast<uint32_t>(Number(parts, 1, 0)), Number(parts, 2, 1));
+    if (command.rfind("results", 0) == 0) {
+      std::vector<std::shared_ptr<KXSearchResultSection>> sections;
+      for (const std::string& part : Split(word, '+')) sections.push_back(MakeSection(part));
+      SendSections(peer, qid, sections);
     } else if (command == "reset") {
       Send(peer, "SearchReset", info);
     } else if (command == "complete") {
@@ -222,9 +309,13 @@ int Serve(const Options& options) {
   std::shared_ptr<KXDPQServer> server = KXDPQServer::initListenerWithServiceName(options.service);
   auto scripts = kx::Queue::Create("test_daemon.scripts");
   const Mode mode = options.mode;
+  const bool perQueryScripts = options.perQueryScripts;
+  const std::string emptyQueryScript = options.emptyQueryScript;
 
   server->setHandlerForMessageName(
-      std::nullopt, [scripts, mode](const Connection& peer, const Message& message) {
+      std::nullopt,
+      [scripts, mode, perQueryScripts, emptyQueryScript](const Connection& peer,
+                                                         const Message& message) {
         RecordReceived(*message);
         if (!message->needsReply()) return;
         if (mode == Mode::Silent) {
@@ -241,7 +332,9 @@ int Serve(const Options& options) {
           const kx::Number* qid = message->info()["QID"].number();
           const std::string* text = message->info()["QS"].string();
           if (qid && text) {
-            scripts->async([peer, id = qid->uint32Value(), script = *text] {
+            auto queue = perQueryScripts ? kx::Queue::Create("test_daemon.query") : scripts;
+            queue->async([peer, id = qid->uint32Value(),
+                          script = text->empty() ? emptyQueryScript : *text] {
               RunScript(peer, id, script);
             });
           }
@@ -269,6 +362,10 @@ int main(int argc, char** argv) {
       options.mode = Mode::Silent;
     } else if (arg == "--reply-errors") {
       options.mode = Mode::ReplyErrors;
+    } else if (arg == "--per-query-scripts") {
+      options.perQueryScripts = true;
+    } else if (arg == "--empty-query-script" && i + 1 < argc) {
+      options.emptyQueryScript = argv[++i];
     } else {
       options.service.clear();
       break;
@@ -276,7 +373,8 @@ int main(int argc, char** argv) {
   }
   if (options.service.empty() || options.log.empty()) {
     std::fprintf(stderr,
-                 "usage: test_daemon --service <name> --log <file> [--silent | --reply-errors]\n");
+                 "usage: test_daemon --service <name> --log <file> [--silent | --reply-errors]"
+                 " [--per-query-scripts] [--empty-query-script <script>]\n");
     return 2;
   }
   gLog = open(options.log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);

@@ -2,6 +2,7 @@
 // Qt privacy view of libkxsearch-ui has its own header).
 #pragma once
 
+#include "kx/KXCardClasses.h"
 #include "kx/KXContentResult.h"
 #include "kx/KXDPQConnection.h"
 #include "kx/KXDPQMessage.h"
@@ -18,12 +19,16 @@
 #include "kx/KXFeedbackSpeechResult.h"
 #include "kx/KXFeedbackVoiceSearch.h"
 #include "kx/KXMatcher.h"
+#include "kx/KXProxyObject.h"
+#include "kx/KXSearchAgent.h"
+#include "kx/KXSearchAgentDelegate.h"
 #include "kx/KXSearchQuery.h"
 #include "kx/KXSearchResult.h"
 #include "kx/KXSearchResultDeserializer.h"
 #include "kx/KXSearchResultProtocol.h"
 #include "kx/KXSearchResultSection.h"
 #include "kx/KXSearchResultSerializer.h"
+#include "kx/KXServerResult.h"
 #include "kx/WireCodable.h"
 #include "kx/WireReader.h"
 #include "kx/WireWriter.h"

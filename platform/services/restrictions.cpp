@@ -1,4 +1,4 @@
-#include "platform/services/restrictions.h"
+#include "kx/restrictions.h"
 
 #include "platform/notify/notification_center.h"
 #include "platform/notify/notify.h"

@@ -1,4 +1,4 @@
-#include "platform/services/restrictions.h"
+#include "kx/restrictions.h"
 
 #include <gtest/gtest.h>
 

@@ -13,6 +13,8 @@
 // notification centre with the service as the object.
 #pragma once
 
+#include "kx/export.h"
+
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -34,7 +36,7 @@ inline constexpr char kRestrictionsChangedNamedNotification[] = "com.orvex.restr
 // Whether the web browser may be used (search-through rows open it).
 inline constexpr char kAllowWebBrowserSetting[] = "allowWebBrowser";
 
-class RestrictionSettings : public std::enable_shared_from_this<RestrictionSettings> {
+class KX_EXPORT RestrictionSettings : public std::enable_shared_from_this<RestrictionSettings> {
  public:
   class Observer {
    public:
@@ -73,6 +75,6 @@ class RestrictionSettings : public std::enable_shared_from_this<RestrictionSetti
 // Writes a boolean setting of the default service (absent removes it) and
 // tells every process. Returns false when the preference could not be
 // written.
-bool SetRestrictedBool(std::string_view setting, std::optional<bool> value);
+KX_EXPORT bool SetRestrictedBool(std::string_view setting, std::optional<bool> value);
 
 }  // namespace kx

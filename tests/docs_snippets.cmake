@@ -1,0 +1,33 @@
+# The code snippets of docs/main-queue.md, extracted at configure time and
+# compiled into docs_snippets_tests, which runs each one against the main
+# queue. A snippet is a ```cpp block whose first line is "// snippet: <name>".
+set(_page ${CMAKE_SOURCE_DIR}/docs/main-queue.md)
+set(_dir ${CMAKE_BINARY_DIR}/docs_snippets)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${_page})
+file(READ ${_page} _text)
+set(_snippets)
+while(TRUE)
+  string(FIND "${_text}" "```cpp\n// snippet: " _start)
+  if(_start EQUAL -1)
+    break()
+  endif()
+  math(EXPR _start "${_start} + 7")
+  string(SUBSTRING "${_text}" ${_start} -1 _text)
+  string(FIND "${_text}" "```" _end)
+  string(SUBSTRING "${_text}" 0 ${_end} _code)
+  string(REGEX MATCH "^// snippet: ([a-z]+)" _ignored "${_code}")
+  file(WRITE ${_dir}/${CMAKE_MATCH_1}.cpp.new "${_code}")
+  configure_file(${_dir}/${CMAKE_MATCH_1}.cpp.new ${_dir}/${CMAKE_MATCH_1}.cpp COPYONLY)
+  list(APPEND _snippets ${_dir}/${CMAKE_MATCH_1}.cpp)
+  string(SUBSTRING "${_text}" ${_end} -1 _text)
+  string(SUBSTRING "${_text}" 3 -1 _text)
+endwhile()
+
+find_package(Qt6 QUIET COMPONENTS Core)
+pkg_check_modules(GLIB IMPORTED_TARGET glib-2.0)
+if(Qt6_FOUND AND GLIB_FOUND)
+  kx_add_test_executable(docs_snippets_tests
+    ${CMAKE_CURRENT_SOURCE_DIR}/docs_snippets_test.cpp ${_snippets})
+  target_link_libraries(docs_snippets_tests PRIVATE PkgConfig::GLIB Qt6::Core)
+  set_target_properties(docs_snippets_tests PROPERTIES POSITION_INDEPENDENT_CODE ON)
+endif()
