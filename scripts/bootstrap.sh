@@ -14,6 +14,7 @@ packages=(
   attr
   qt6-base-dev
   libglib2.0-dev
+  libqalculate-dev librsvg2-dev
 )
 
 missing=()

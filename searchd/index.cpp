@@ -1,0 +1,363 @@
+#include "searchd/index.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+
+#include "searchd/result_cache.h"
+#include "searchd/text.h"
+
+namespace kx::searchd {
+namespace {
+
+constexpr const char* kSchema = R"sql(
+PRAGMA journal_mode = WAL;
+PRAGMA synchronous = NORMAL;
+-- A build touches the same FTS and prefix pages again and again: keep them
+-- in memory, and checkpoint (fsync) less often than every 1000 pages.
+PRAGMA cache_size = -65536;
+PRAGMA wal_autocheckpoint = 8192;
+CREATE TABLE IF NOT EXISTS files(
+  path TEXT PRIMARY KEY, source TEXT NOT NULL, stamp INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS items(
+  id INTEGER PRIMARY KEY, path TEXT NOT NULL, key TEXT NOT NULL UNIQUE,
+  domain INTEGER NOT NULL, bundle TEXT NOT NULL, identifier TEXT NOT NULL,
+  title TEXT NOT NULL, subtitle TEXT, summary TEXT, url TEXT, extra TEXT,
+  engagement INTEGER NOT NULL DEFAULT 0, last_engaged REAL);
+CREATE INDEX IF NOT EXISTS items_path ON items(path);
+-- No index on url or identifier: card and image requests are rare and a
+-- scan is cheaper than slowing down every build.
+CREATE INDEX IF NOT EXISTS items_engaged ON items(last_engaged) WHERE last_engaged IS NOT NULL;
+CREATE VIRTUAL TABLE IF NOT EXISTS items_text USING fts5(
+  title, keywords, body, words,
+  tokenize = 'unicode61 remove_diacritics 2', prefix = '3');
+-- Keyed in rank order, so a prefix's best items are the first rows of its
+-- range; the second index finds an item's rows when it changes.
+CREATE TABLE IF NOT EXISTS short_prefix(
+  domain INTEGER NOT NULL, prefix TEXT NOT NULL, score REAL NOT NULL, item INTEGER NOT NULL,
+  PRIMARY KEY(domain, prefix, score DESC, item)) WITHOUT ROWID;
+CREATE INDEX IF NOT EXISTS short_prefix_item ON short_prefix(item);
+)sql";
+
+#define KX_ITEM_COLUMNS \
+  "i.id, i.domain, i.bundle, i.identifier, i.title, i.subtitle, i.summary, i.url, i.extra, " \
+  "i.engagement"
+
+std::string ExtraJson(const Item& item) {
+  nlohmann::json extra = nlohmann::json::object();
+  if (!item.localizedTitles.empty()) extra["titles"] = item.localizedTitles;
+  if (!item.icon.empty()) extra["icon"] = item.icon;
+  if (!item.launchCommand.empty()) extra["exec"] = item.launchCommand;
+  if (!item.contactIdentifiers.empty()) extra["contacts"] = item.contactIdentifiers;
+  return extra.dump();
+}
+
+void ReadExtra(const std::string& text, Item& item) {
+  const nlohmann::json extra = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
+  if (!extra.is_object()) return;
+  if (auto t = extra.find("titles"); t != extra.end() && t->is_object())
+    for (auto& [language, title] : t->items())
+      if (title.is_string()) item.localizedTitles[language] = title.get<std::string>();
+  if (auto i = extra.find("icon"); i != extra.end() && i->is_string()) item.icon = *i;
+  if (auto e = extra.find("exec"); e != extra.end() && e->is_string()) item.launchCommand = *e;
+  if (auto c = extra.find("contacts"); c != extra.end() && c->is_array())
+    for (const auto& id : *c)
+      if (id.is_string()) item.contactIdentifiers.push_back(id.get<std::string>());
+}
+
+// A word as an FTS5 prefix phrase: quoted, inner quotes doubled.
+std::string PrefixPhrase(const std::string& word) {
+  std::string phrase = "\"";
+  for (char c : word) phrase += c == '"' ? std::string("\"\"") : std::string(1, c);
+  return phrase + "\"*";
+}
+
+std::string ExcludedJson(const std::set<std::string>& excluded) {
+  return nlohmann::json(excluded).dump();
+}
+
+// Text for the `words` column: ICU's words of the parts written without
+// spaces, which unicode61 would keep as one long token.
+std::string UnspacedWords(const Item& item) {
+  std::string words;
+  for (const std::string* text : {&item.title, &item.keywords, &item.body}) {
+    if (!HasUnspacedScript(*text)) continue;
+    for (const std::string& word : Words(*text)) words += word + " ";
+  }
+  return words;
+}
+
+int ProgressHandler(void* context) {
+  auto* cancel = static_cast<std::atomic<const std::atomic<bool>*>*>(context);
+  const std::atomic<bool>* flag = cancel->load(std::memory_order_acquire);
+  return flag && flag->load(std::memory_order_acquire) ? 1 : 0;
+}
+
+}  // namespace
+
+QueryPlan PlanQuery(const std::string& text) {
+  QueryPlan plan;
+  const std::vector<std::string> folded = Words(Fold(text));
+  if (folded.empty()) return plan;
+  if (folded.size() == 1 && CodePointCount(folded[0]) <= kShortPrefixLength) {
+    plan.shortPrefix = true;
+    plan.prefix = folded[0];
+    return plan;
+  }
+  // FTS5 folds the phrases with the tokenizer that indexed the text, so the
+  // words go in as typed.
+  for (const std::string& word : Words(text)) plan.match += (plan.match.empty() ? "" : " ") + PrefixPhrase(word);
+  return plan;
+}
+
+double StoredScore(int64_t engagement, const std::string& title) {
+  return static_cast<double>(engagement) + 1.0 / (1.0 + static_cast<double>(CodePointCount(title)));
+}
+
+Index::Index(const std::string& path, bool readOnly) : db_(path, readOnly) {
+  if (!readOnly) db_.exec(kSchema);
+  // Checked every 1000 virtual machine steps: a cancelled query stops within
+  // microseconds without slowing the others measurably.
+  sqlite3_progress_handler(db_.handle(), 1000, ProgressHandler, &cancel_);
+}
+
+void Index::setCancelFlag(const std::atomic<bool>* flag) {
+  cancel_.store(flag, std::memory_order_release);
+}
+
+std::map<std::string, int64_t> Index::fileStamps(const std::string& source) {
+  std::map<std::string, int64_t> stamps;
+  Statement s = db_.prepare("SELECT path, stamp FROM files WHERE source = ?1");
+  s.bind(1, source);
+  while (s.step()) stamps[s.text(0)] = s.integer(1);
+  return stamps;
+}
+
+void Index::replaceFile(const std::string& source, const std::string& path, int64_t stamp,
+                        const std::vector<Item>& items) {
+  std::map<std::string, int64_t> previous;  // key -> id
+  {
+    Statement s = db_.prepare("SELECT key, id FROM items WHERE path = ?1");
+    s.bind(1, path);
+    while (s.step()) previous[s.text(0)] = s.integer(1);
+  }
+  for (const Item& item : items) {
+    const std::string key = path + '\x1f' + item.identifier;
+    Statement upsert = db_.prepare(
+        "INSERT INTO items(path, key, domain, bundle, identifier, title, subtitle, summary, url, "
+        "extra) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10) "
+        "ON CONFLICT(key) DO UPDATE SET domain = excluded.domain, bundle = excluded.bundle, "
+        "title = excluded.title, subtitle = excluded.subtitle, summary = excluded.summary, "
+        "url = excluded.url, extra = excluded.extra RETURNING id, engagement");
+    upsert.bind(1, path).bind(2, key).bind(3, int64_t{item.domain}).bind(4, item.bundle);
+    upsert.bind(5, item.identifier).bind(6, item.title).bind(7, item.subtitle);
+    upsert.bind(8, item.summary).bind(9, item.url).bind(10, ExtraJson(item));
+    if (!upsert.step()) continue;
+    const int64_t id = upsert.integer(0);
+    const int64_t engagement = upsert.integer(1);
+    upsert.run();
+    if (auto old = previous.find(key); old != previous.end()) {
+      previous.erase(old);
+      db_.prepare("DELETE FROM items_text WHERE rowid = ?1").bind(1, id).run();
+      db_.prepare("DELETE FROM short_prefix WHERE item = ?1").bind(1, id).run();
+    }
+    insertText(id, item);
+    insertPrefixes(id, item, StoredScore(engagement, item.title));
+  }
+  for (const auto& [key, id] : previous) deleteItem(id);
+  db_.prepare("INSERT INTO files(path, source, stamp) VALUES(?1, ?2, ?3) "
+              "ON CONFLICT(path) DO UPDATE SET source = excluded.source, stamp = excluded.stamp")
+      .bind(1, path).bind(2, source).bind(3, stamp).run();
+}
+
+void Index::removeFile(const std::string& path) {
+  std::vector<int64_t> ids;
+  {
+    Statement s = db_.prepare("SELECT id FROM items WHERE path = ?1");
+    s.bind(1, path);
+    while (s.step()) ids.push_back(s.integer(0));
+  }
+  for (int64_t id : ids) deleteItem(id);
+  db_.prepare("DELETE FROM files WHERE path = ?1").bind(1, path).run();
+}
+
+void Index::deleteItem(int64_t id) {
+  db_.prepare("DELETE FROM items_text WHERE rowid = ?1").bind(1, id).run();
+  db_.prepare("DELETE FROM short_prefix WHERE item = ?1").bind(1, id).run();
+  db_.prepare("DELETE FROM items WHERE id = ?1").bind(1, id).run();
+}
+
+void Index::insertText(int64_t id, const Item& item) {
+  std::string keywords = item.keywords;
+  for (const auto& [language, title] : item.localizedTitles) keywords += " " + title;
+  db_.prepare("INSERT INTO items_text(rowid, title, keywords, body, words) VALUES(?1, ?2, ?3, ?4, ?5)")
+      .bind(1, id).bind(2, item.title).bind(3, keywords).bind(4, item.body)
+      .bind(5, UnspacedWords(item)).run();
+}
+
+void Index::insertPrefixes(int64_t id, const Item& item, double score) {
+  std::set<std::string> prefixes;
+  std::string text = item.title + " " + item.keywords;
+  for (const auto& [language, title] : item.localizedTitles) text += " " + title;
+  for (const std::string& word : Words(Fold(text)))
+    for (size_t n = 1; n <= kShortPrefixLength; ++n) prefixes.insert(CodePointPrefix(word, n));
+  for (const std::string& prefix : prefixes) {
+    db_.prepare("INSERT INTO short_prefix(domain, prefix, score, item) VALUES(?1, ?2, ?3, ?4)")
+        .bind(1, int64_t{item.domain}).bind(2, prefix).bind(3, score).bind(4, id).run();
+  }
+}
+
+bool Index::recordEngagement(int64_t id, double when) {
+  std::optional<IndexedItem> found = itemById(id);
+  if (!found) return false;
+  const int64_t engagement = found->engagement + 1;
+  db_.prepare("UPDATE items SET engagement = ?2, last_engaged = ?3 WHERE id = ?1")
+      .bind(1, id).bind(2, engagement).bind(3, when).run();
+  db_.prepare("UPDATE short_prefix SET score = ?2 WHERE item = ?1")
+      .bind(1, id).bind(2, StoredScore(engagement, found->item.title)).run();
+  BumpIndexGeneration();
+  return true;
+}
+
+std::vector<IndexedItem> Index::readItems(Statement& s) {
+  std::vector<IndexedItem> items;
+  while (s.step()) {
+    IndexedItem hit;
+    hit.id = s.integer(0);
+    hit.item.domain = static_cast<uint32_t>(s.integer(1));
+    hit.item.bundle = s.text(2);
+    hit.item.identifier = s.text(3);
+    hit.item.title = s.text(4);
+    hit.item.subtitle = s.text(5);
+    hit.item.summary = s.text(6);
+    hit.item.url = s.text(7);
+    ReadExtra(s.text(8), hit.item);
+    hit.engagement = s.integer(9);
+    hit.rank = s.real(10);
+    items.push_back(std::move(hit));
+  }
+  return items;
+}
+
+std::optional<IndexedItem> Index::firstItem(Statement& statement) {
+  std::vector<IndexedItem> items = readItems(statement);
+  if (items.empty()) return std::nullopt;
+  return std::move(items.front());
+}
+
+std::vector<IndexedItem> Index::search(const QueryPlan& plan, const SearchRequest& request) {
+  // The progress handler only looks every thousand steps; a query cancelled
+  // before it starts must not run at all.
+  if (const std::atomic<bool>* flag = cancel_.load(std::memory_order_acquire); flag && *flag)
+    throw SqliteError(SQLITE_INTERRUPT, "interrupted");
+  if (plan.empty() || request.limit == 0) return {};
+  const std::string excluded = ExcludedJson(request.excludedBundles);
+  if (plan.shortPrefix) {
+    Statement s = db_.prepare(
+        "SELECT " KX_ITEM_COLUMNS ", p.score FROM short_prefix p JOIN items i ON i.id = p.item "
+        "WHERE p.domain = ?1 AND p.prefix = ?2 "
+        "AND i.bundle NOT IN (SELECT value FROM json_each(?3)) "
+        "ORDER BY p.score DESC, p.item LIMIT ?4");
+    s.bind(1, int64_t{request.domain}).bind(2, plan.prefix).bind(3, excluded);
+    s.bind(4, static_cast<int64_t>(request.limit));
+    return readItems(s);
+  }
+  Statement s = db_.prepare(
+      "SELECT " KX_ITEM_COLUMNS ", bm25(items_text, 10.0, 4.0, 1.0, 6.0) * (1 + i.engagement) AS r "
+      "FROM items_text JOIN items i ON i.id = items_text.rowid "
+      "WHERE items_text MATCH ?1 AND i.domain = ?2 "
+      "AND i.bundle NOT IN (SELECT value FROM json_each(?3)) "
+      "ORDER BY r, i.id LIMIT ?4");
+  s.bind(1, plan.match).bind(2, int64_t{request.domain}).bind(3, excluded);
+  s.bind(4, static_cast<int64_t>(request.limit));
+  return readItems(s);
+}
+
+Index::DomainHits Index::searchFullText(const QueryPlan& plan, const std::set<uint32_t>& domains,
+                                       const SearchRequest& request) {
+  if (const std::atomic<bool>* flag = cancel_.load(std::memory_order_acquire); flag && *flag)
+    throw SqliteError(SQLITE_INTERRUPT, "interrupted");
+  DomainHits hits;
+  if (plan.shortPrefix || plan.match.empty() || request.limit == 0) return hits;
+  struct Ranked {
+    double rank;
+    int64_t id;
+    bool operator<(const Ranked& o) const { return rank != o.rank ? rank < o.rank : id < o.id; }
+  };
+  std::map<uint32_t, std::vector<Ranked>> ranked;
+  {
+    Statement s = db_.prepare(
+        "SELECT i.id, i.domain, bm25(items_text, 10.0, 4.0, 1.0, 6.0) * (1 + i.engagement) "
+        "FROM items_text JOIN items i ON i.id = items_text.rowid WHERE items_text MATCH ?1 "
+        "AND i.bundle NOT IN (SELECT value FROM json_each(?2))");
+    s.bind(1, plan.match).bind(2, ExcludedJson(request.excludedBundles));
+    while (s.step()) {
+      const auto domain = static_cast<uint32_t>(s.integer(1));
+      if (domains.count(domain)) ranked[domain].push_back({s.real(2), s.integer(0)});
+    }
+  }
+  for (auto& [domain, list] : ranked) {
+    const size_t keep = std::min(list.size(), request.limit);
+    std::partial_sort(list.begin(), list.begin() + static_cast<std::ptrdiff_t>(keep), list.end());
+    for (size_t i = 0; i < keep; ++i) {
+      std::optional<IndexedItem> item = itemById(list[i].id);
+      if (!item) continue;
+      item->rank = list[i].rank;
+      hits[domain].push_back(std::move(*item));
+    }
+  }
+  return hits;
+}
+
+std::optional<IndexedItem> Index::itemById(int64_t id) {
+  Statement s = db_.prepare("SELECT " KX_ITEM_COLUMNS ", 0.0 FROM items i WHERE i.id = ?1");
+  s.bind(1, id);
+  return firstItem(s);
+}
+
+std::optional<IndexedItem> Index::itemByUrl(const std::string& url) {
+  Statement s = db_.prepare("SELECT " KX_ITEM_COLUMNS ", 0.0 FROM items i WHERE i.url = ?1 LIMIT 1");
+  s.bind(1, url);
+  return firstItem(s);
+}
+
+std::optional<IndexedItem> Index::itemByIdentifier(const std::string& identifier) {
+  Statement s = db_.prepare("SELECT " KX_ITEM_COLUMNS ", 0.0 FROM items i WHERE i.identifier = ?1 "
+                            "ORDER BY i.id LIMIT 1");
+  s.bind(1, identifier);
+  return firstItem(s);
+}
+
+std::vector<IndexedItem> Index::recentlyEngaged(size_t limit, const std::set<std::string>& excluded) {
+  Statement s = db_.prepare(
+      "SELECT " KX_ITEM_COLUMNS ", i.last_engaged FROM items i WHERE i.last_engaged IS NOT NULL "
+      "AND i.bundle NOT IN (SELECT value FROM json_each(?1)) "
+      "ORDER BY i.last_engaged DESC, i.id LIMIT ?2");
+  s.bind(1, ExcludedJson(excluded)).bind(2, static_cast<int64_t>(limit));
+  return readItems(s);
+}
+
+std::vector<IndexedItem> Index::mostUsedApplications(size_t limit,
+                                                     const std::set<std::string>& excluded) {
+  Statement s = db_.prepare(
+      "SELECT " KX_ITEM_COLUMNS ", i.engagement FROM items i WHERE i.domain = ?1 "
+      "AND i.bundle NOT IN (SELECT value FROM json_each(?2)) "
+      "ORDER BY i.engagement DESC, i.title, i.id LIMIT ?3");
+  s.bind(1, int64_t{kDomainApplications}).bind(2, ExcludedJson(excluded));
+  s.bind(3, static_cast<int64_t>(limit));
+  return readItems(s);
+}
+
+std::map<uint32_t, int64_t> Index::domainCounts() {
+  std::map<uint32_t, int64_t> counts;
+  Statement s = db_.prepare("SELECT domain, count(*) FROM items GROUP BY domain");
+  while (s.step()) counts[static_cast<uint32_t>(s.integer(0))] = s.integer(1);
+  return counts;
+}
+
+int64_t Index::itemCount() {
+  Statement s = db_.prepare("SELECT count(*) FROM items");
+  return s.step() ? s.integer(0) : 0;
+}
+
+}  // namespace kx::searchd

@@ -1,0 +1,43 @@
+// One searchable item as a source produces it and the index stores it.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace kx::searchd {
+
+// Domains of the daemon's sources.
+inline constexpr uint32_t kDomainContacts = 2;
+inline constexpr uint32_t kDomainApplications = 4;
+inline constexpr uint32_t kDomainNotes = 5;
+inline constexpr uint32_t kDomainSettings = 19;
+inline constexpr uint32_t kDomainZeroKeyword = 22;
+inline constexpr uint32_t kDomainCalculator = 24;
+inline constexpr uint32_t kDomainConversion = 25;
+
+struct Item {
+  uint32_t domain = 0;
+  // Owner of the item, as "BA" names it to hide it.
+  std::string bundle;
+  // Stable within the file that holds the item (a contact's UID, a desktop
+  // file id); with the file's path it keys the item across re-indexing.
+  std::string identifier;
+  std::string title;
+  std::string subtitle;
+  std::string summary;
+  std::string url;
+  // Searchable text that is not shown: alternative names, keywords,
+  // e-mail addresses, organisation.
+  std::string keywords;
+  // Searchable body text (comment, note text).
+  std::string body;
+  // Titles by language ("de", "pt_BR"), for the query's keyboard language.
+  std::map<std::string, std::string> localizedTitles;
+  std::string icon;            // icon name or absolute path
+  std::string launchCommand;   // applications: the Exec line
+  std::vector<std::string> contactIdentifiers;
+};
+
+}  // namespace kx::searchd

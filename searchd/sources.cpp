@@ -1,0 +1,125 @@
+#include "searchd/sources.h"
+
+#include <cctype>
+#include <cstdlib>
+#include <memory>
+#include <sstream>
+
+#include "searchd/desktop_entry.h"
+#include "searchd/note.h"
+#include "searchd/vcard.h"
+
+namespace kx::searchd {
+namespace {
+
+bool EndsWith(const std::string& s, std::string_view suffix) {
+  return s.size() >= suffix.size() && s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+std::string Env(const char* name, const std::string& fallback) {
+  const char* v = std::getenv(name);
+  return v && *v ? std::string(v) : fallback;
+}
+
+std::string Home() { return Env("HOME", "/"); }
+std::string DataHome() { return Env("XDG_DATA_HOME", Home() + "/.local/share"); }
+
+class ApplicationSource : public Source {
+ public:
+  explicit ApplicationSource(std::vector<std::string> dirs) : dirs_(std::move(dirs)) {}
+  std::string name() const override { return "applications"; }
+  std::vector<std::string> directories() const override { return dirs_; }
+  bool accepts(const std::string& path) const override { return EndsWith(path, ".desktop"); }
+  ParseResult parse(const std::string& path, std::string_view content) const override {
+    return ParseDesktopEntry(path, DesktopId(path), content, Env("XDG_CURRENT_DESKTOP", ""));
+  }
+
+ private:
+  // The desktop id: the path below its applications directory, '/'
+  // replaced by '-', without ".desktop".
+  std::string DesktopId(const std::string& path) const {
+    std::string relative = path.substr(path.rfind('/') + 1);
+    for (const std::string& dir : dirs_) {
+      if (path.rfind(dir + "/", 0) == 0) {
+        relative = path.substr(dir.size() + 1);
+        break;
+      }
+    }
+    for (char& c : relative)
+      if (c == '/') c = '-';
+    return relative.substr(0, relative.size() - std::string_view(".desktop").size());
+  }
+  std::vector<std::string> dirs_;
+};
+
+// A source whose files are recognised by their extension and parsed on
+// their own.
+class FileSource : public Source {
+ public:
+  using Parser = ParseResult (*)(const std::string& path, std::string_view content);
+  FileSource(std::string name, std::vector<std::string> extensions, Parser parser,
+             std::vector<std::string> dirs)
+      : name_(std::move(name)), extensions_(std::move(extensions)), parser_(parser), dirs_(std::move(dirs)) {}
+  std::string name() const override { return name_; }
+  std::vector<std::string> directories() const override { return dirs_; }
+  bool accepts(const std::string& path) const override {
+    for (const std::string& extension : extensions_)
+      if (EndsWith(path, extension)) return true;
+    return false;
+  }
+  ParseResult parse(const std::string& path, std::string_view content) const override {
+    return parser_(path, content);
+  }
+
+ private:
+  std::string name_;
+  std::vector<std::string> extensions_;
+  Parser parser_;
+  std::vector<std::string> dirs_;
+};
+
+}  // namespace
+
+std::string FileUrl(const std::string& path) {
+  static const char kHex[] = "0123456789ABCDEF";
+  std::string url = "file://";
+  for (unsigned char c : path) {
+    if (std::isalnum(c) || c == '/' || c == '-' || c == '_' || c == '.' || c == '~' || c >= 0x80) {
+      url += static_cast<char>(c);
+    } else {
+      url += '%';
+      url += kHex[c >> 4];
+      url += kHex[c & 15];
+    }
+  }
+  return url;
+}
+
+SourceLocations SourceLocations::ForUser() {
+  SourceLocations l;
+  // $XDG_DATA_HOME first: a user's own entry overrides a system one with
+  // the same desktop id.
+  l.applications.push_back(DataHome() + "/applications");
+  std::stringstream dirs(Env("XDG_DATA_DIRS", "/usr/local/share:/usr/share"));
+  for (std::string dir; std::getline(dirs, dir, ':');)
+    if (!dir.empty()) l.applications.push_back(dir + "/applications");
+  l.contacts.push_back(DataHome() + "/contacts");
+  l.notes.push_back(DataHome() + "/notes");
+  return l;
+}
+
+SourceLocations SourceLocations::UnderRoot(const std::string& dataRoot) {
+  return SourceLocations{{dataRoot + "/applications"}, {dataRoot + "/contacts"}, {dataRoot + "/notes"}};
+}
+
+std::vector<std::unique_ptr<Source>> MakeSources(const SourceLocations& locations) {
+  std::vector<std::unique_ptr<Source>> sources;
+  sources.push_back(std::make_unique<ApplicationSource>(locations.applications));
+  sources.push_back(std::make_unique<FileSource>(
+      "contacts", std::vector<std::string>{".vcf", ".vcard"}, &ParseVCards, locations.contacts));
+  sources.push_back(std::make_unique<FileSource>(
+      "notes", std::vector<std::string>{".md", ".txt"}, &ParseNote, locations.notes));
+  return sources;
+}
+
+}  // namespace kx::searchd

@@ -1,0 +1,40 @@
+// The daemon's sources: where each kind of item lives and how one file of
+// it is parsed. Each source enumerates its directories and parses one file
+// at a time; the indexer decides what to re-read.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "searchd/parse_result.h"
+
+namespace kx::searchd {
+
+class Source {
+ public:
+  virtual ~Source() = default;
+  // Names the source in the index's file table ("applications", ...).
+  virtual std::string name() const = 0;
+  // Directories searched recursively, in priority order.
+  virtual std::vector<std::string> directories() const = 0;
+  // True for files this source reads.
+  virtual bool accepts(const std::string& path) const = 0;
+  // Parses one file's content.
+  virtual ParseResult parse(const std::string& path, std::string_view content) const = 0;
+};
+
+// Default locations, or all under `dataRoot` when it is not empty.
+struct SourceLocations {
+  std::vector<std::string> applications;
+  std::vector<std::string> contacts;
+  std::vector<std::string> notes;
+  static SourceLocations ForUser();
+  static SourceLocations UnderRoot(const std::string& dataRoot);
+};
+
+// The first-half sources: applications and settings, contacts, notes.
+std::vector<std::unique_ptr<Source>> MakeSources(const SourceLocations& locations);
+
+}  // namespace kx::searchd
