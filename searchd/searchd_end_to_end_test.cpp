@@ -49,6 +49,13 @@ TEST(SearchdEndToEndTest, PrefixesFindItemsByEveryIndexedText) {
 }
 
 TEST(SearchdEndToEndTest, CalculatorAndConversionAnswerFromTheText) {
+#if defined(__SANITIZE_THREAD__)
+  // libqalculate (not instrumented) computes on a thread of its own and
+  // writes the answer into the caller's stack through synchronisation the
+  // sanitizer cannot see; the daemon's own threads are checked by the
+  // other end-to-end tests.
+  GTEST_SKIP() << "the calculator library runs threads ThreadSanitizer cannot follow";
+#endif
   Searchd daemon;
   EXPECT_THAT(TitlesIn(daemon.search("2+2"), 24), ElementsAre("4"));
   EXPECT_THAT(TitlesIn(daemon.search("2+3*4"), 24), ElementsAre("14"));
