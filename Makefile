@@ -3,7 +3,7 @@
 FUZZ_SECONDS ?= 60
 JOBS ?= 2
 
-.PHONY: all bootstrap build test test-asan test-tsan bench fuzz clean
+.PHONY: all bootstrap build test test-asan test-tsan bench fuzz clean demo
 
 all: build
 
@@ -26,6 +26,12 @@ test-tsan: bootstrap
 	@cmake --preset tsan >/dev/null
 	@cmake --build --preset tsan -j $(JOBS)
 	@TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --preset tsan -j $(JOBS)
+
+# Builds only what the demo runs, then runs it in a private temporary tree.
+demo: bootstrap
+	@cmake --preset default >/dev/null
+	@cmake --build --preset default -j $(JOBS) --target kx-search kx-searchd kx-launch
+	@./scripts/demo.sh build/default
 
 bench: build
 	@./scripts/run-benchmarks.sh build/default
