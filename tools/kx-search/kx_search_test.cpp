@@ -1,11 +1,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include <nlohmann/json.hpp>
 
@@ -15,6 +22,8 @@
 #include "tests/support/test_environment.h"
 #include "tools/kx-search/options.h"
 #include "tools/kx-search/section_output.h"
+
+extern char** environ;
 
 namespace kx::test {
 namespace {
@@ -219,6 +228,103 @@ TEST_F(KxSearchEndToEndTest, ListingShowsSectionsAndOpenRaisesTheEngagedResult) 
   const RunResult beyond = RunTool({"--open", "999", "--no-launch", "cal"});
   EXPECT_NE(beyond.status, 0);
   EXPECT_THAT(beyond.err, HasSubstr("no result 999"));
+}
+
+// kx-search --interactive on a pseudo-terminal: what it draws, and the
+// keys typed into it.
+class Terminal {
+ public:
+  explicit Terminal(const std::vector<std::string>& args) {
+    int slave = -1;
+    EXPECT_EQ(openpty(&master_, &slave, nullptr, nullptr, nullptr), 0);
+    // Only this side holds the master, so closing it hangs the terminal up.
+    fcntl(master_, F_SETFD, FD_CLOEXEC);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    for (int fd : {0, 1, 2}) posix_spawn_file_actions_adddup2(&actions, slave, fd);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+    std::vector<std::string> argv = {Built("kx-search")};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<char*> cargv;
+    for (auto& a : argv) cargv.push_back(a.data());
+    cargv.push_back(nullptr);
+    EXPECT_EQ(posix_spawn(&pid_, cargv[0], &actions, &attributes, cargv.data(), environ), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    close(slave);
+  }
+  ~Terminal() {
+    closeMaster();
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+  void type(const std::string& keys) { EXPECT_EQ(write(master_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size())); }
+  // Reads what the tool draws until `text` appears after everything seen so
+  // far was consumed up to the previous match.
+  bool waitFor(const std::string& text) {
+    for (auto deadline = std::chrono::steady_clock::now() + kTimeout;
+         std::chrono::steady_clock::now() < deadline;) {
+      const size_t at = seen_.find(text, consumed_);
+      if (at != std::string::npos) {
+        consumed_ = at + text.size();
+        return true;
+      }
+      pollfd p = {master_, POLLIN, 0};
+      if (poll(&p, 1, 50) <= 0) continue;
+      char buffer[4096];
+      const ssize_t n = read(master_, buffer, sizeof buffer);
+      if (n <= 0) return false;
+      seen_.append(buffer, static_cast<size_t>(n));
+    }
+    return false;
+  }
+  void closeMaster() {
+    if (master_ >= 0) close(master_);
+    master_ = -1;
+  }
+  std::optional<int> exitStatus() {
+    for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+         std::chrono::steady_clock::now() < deadline;) {
+      int status = 0;
+      if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return std::nullopt;
+  }
+  const std::string& seen() const { return seen_; }
+
+ private:
+  int master_ = -1;
+  pid_t pid_ = -1;
+  std::string seen_;
+  size_t consumed_ = 0;
+};
+
+TEST_F(KxSearchEndToEndTest, InteractiveRedrawsAsYouTypeAndEnterEngagesTheChosenRow) {
+  Terminal t({"--interactive", "--no-launch"});
+  ASSERT_TRUE(t.waitFor("Search: "));
+  t.type("cal");
+  ASSERT_TRUE(t.waitFor("Calendar")) << t.seen();
+  // Down to the second row, back up, down again: the second row engages.
+  t.type("\x1b[B\x1b[A\x1b[B");
+  ASSERT_TRUE(t.waitFor(">")) << t.seen();
+  const std::string second = FirstSection("cal")["results"][1]["title"];
+  t.type("\r");
+  EXPECT_TRUE(t.waitFor("engaged 2: " + second)) << t.seen();
+  EXPECT_EQ(t.exitStatus(), 0);
+
+  // A terminal that goes away ends the tool with an error.
+  Terminal closing({"--interactive"});
+  ASSERT_TRUE(closing.waitFor("Search: "));
+  closing.closeMaster();
+  EXPECT_EQ(closing.exitStatus(), 1);
 }
 
 TEST(KxSearchNoDaemonTest, FailsFastWithOneLine) {

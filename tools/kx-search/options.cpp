@@ -18,6 +18,7 @@ std::optional<long> ParseCount(std::string_view text) {
 const char* UsageText() {
   return "usage: kx-search [options] QUERY\n"
          "       kx-search --zkw [options]\n"
+         "       kx-search --interactive [--language L] [--no-launch]\n"
          "Types QUERY into a search agent one character at a time and prints the\n"
          "sections the search daemon answers with.\n"
          "\n"
@@ -27,6 +28,8 @@ const char* UsageText() {
          "  --open N        engage the N-th result: send the engagement and open it\n"
          "  --no-launch     with --open, send the engagement but open nothing\n"
          "  --zkw           show the zero-keyword results\n"
+         "  --interactive   type in the terminal: arrows choose, Enter engages,\n"
+         "                  Escape leaves\n"
          "  --timeout MS    give up when the daemon has not finished (default 5000)\n"
          "  --help          this text\n";
 }
@@ -52,6 +55,8 @@ std::variant<Options, UsageError> ParseOptions(int argc, const char* const* argv
       options.help = true;
     } else if (arg == "--json") {
       options.json = true;
+    } else if (arg == "--interactive") {
+      options.interactive = true;
     } else if (arg == "--zkw") {
       options.zkw = true;
     } else if (arg == "--no-launch") {
@@ -82,8 +87,10 @@ std::variant<Options, UsageError> ParseOptions(int argc, const char* const* argv
     }
   }
   if (options.help) return options;
+  if (options.interactive && (options.zkw || options.json || options.open || query))
+    return UsageError{"--interactive takes no query, --zkw, --json or --open"};
   if (options.zkw && query) return UsageError{"--zkw takes no query"};
-  if (!options.zkw && (!query || query->empty())) return UsageError{"no query given (see --help)"};
+  if (!options.zkw && !options.interactive && (!query || query->empty())) return UsageError{"no query given (see --help)"};
   options.query = query.value_or("");
   return options;
 }

@@ -16,6 +16,7 @@ struct Options {
   std::optional<std::string> language;
   bool json = false;
   bool zkw = false;
+  bool interactive = false;
   bool help = false;
   bool launch = true;
   // 1-based position of the result to engage, counted across sections.

@@ -9,20 +9,12 @@
 #include "kx/main_loop.h"
 #include "platform/message/message_socket.h"
 #include "tools/kx-search/engagement.h"
+#include "tools/kx-search/key_decoder.h"
 
 namespace kx::cli {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// The length of the UTF-8 sequence that starts with `lead`; a stray
-// continuation byte counts as one so that typing always advances.
-size_t SequenceLength(unsigned char lead) {
-  if (lead >= 0xF0) return 4;
-  if (lead >= 0xE0) return 3;
-  if (lead >= 0xC0) return 2;
-  return 1;
-}
 
 bool UseColour(std::FILE* out) {
   const char* noColour = std::getenv("NO_COLOR");
@@ -51,6 +43,7 @@ int SearchSession::run() {
   main_loop::drain();
   typing_ = true;
 
+  if (options_.interactive) return runInteractive();
   if (options_.zkw) {
     // Shown as they come, since this agent is never activated.
     agent_->cacheZKWQueryLive(true, false);
@@ -73,7 +66,7 @@ int SearchSession::run() {
 void SearchSession::type() {
   const std::string& query = options_.query;
   for (size_t end = 0; end < query.size();) {
-    end = std::min(query.size(), end + SequenceLength(static_cast<unsigned char>(query[end])));
+    end = std::min(query.size(), end + Utf8SequenceLength(static_cast<unsigned char>(query[end])));
     typed_ = query.substr(0, end);
     agent_->setQueryString(typed_, options_.language, 0, false);
     if (options_.delay.count() > 0) {
@@ -109,7 +102,11 @@ void SearchSession::searchAgentClearedResults(const std::shared_ptr<KXSearchAgen
 void SearchSession::post(const KXSearchAgent& agent, const char* kind) {
   if (!typing_) return;
   lastSections_ = agent.sections();
-  if (options_.json) {
+  if (options_.interactive) {
+    // The first row is chosen as soon as there is one.
+    selected_ = std::min(std::max<size_t>(selected_, 1), ResultCount(lastSections_));
+    redraw();
+  } else if (options_.json) {
     const std::string line =
         UpdateJson(typed_, agent.currentQuerySeqNo(), kind, lastSections_).dump();
     std::fprintf(out_, "%s\n", line.c_str());
@@ -131,7 +128,7 @@ int SearchSession::engage(size_t position) {
     std::fprintf(stderr, "kx-search: --open %zu: there is no result %zu\n", position, position);
     return 1;
   }
-  if (!SendEngagement(*chosen, options_.query, options_.language, agent_->fbq())) {
+  if (!SendEngagement(*chosen, typed_, options_.language, agent_->fbq())) {
     std::fprintf(stderr, "kx-search: the search daemon did not take the engagement\n");
     return 1;
   }

@@ -35,6 +35,9 @@ class SearchSession : public KXSearchAgentDelegate,
   // post was handled; false after the time-out.
   bool waitForCompletion();
   int engage(size_t position);
+  // The interactive mode (search_session_interactive.cpp).
+  int runInteractive();
+  void redraw();
 
   const Options options_;
   std::FILE* const out_;
@@ -46,6 +49,8 @@ class SearchSession : public KXSearchAgentDelegate,
   bool typing_ = false;
   SectionList lastSections_;
   std::string lastSummary_;
+  // The chosen row in the interactive mode, 1-based; 0 for none.
+  size_t selected_ = 0;
 };
 
 }  // namespace kx::cli

@@ -9,6 +9,7 @@ namespace {
 
 constexpr const char* kBold = "\x1b[1m";
 constexpr const char* kDim = "\x1b[2m";
+constexpr const char* kReverse = "\x1b[7m";
 constexpr const char* kReset = "\x1b[0m";
 
 // Terminal columns are approximated by code points: the sample data's CJK
@@ -59,7 +60,13 @@ nlohmann::json UpdateJson(const std::string& text, uint32_t seq, const char* kin
   return out;
 }
 
-std::string Listing(const SectionList& sections, bool colour) {
+size_t ResultCount(const SectionList& sections) {
+  size_t count = 0;
+  for (const auto& section : sections) count += section->results().size();
+  return count;
+}
+
+std::string Listing(const SectionList& sections, bool colour, size_t selected) {
   size_t titleWidth = 0;
   size_t total = 0;
   for (const auto& section : sections) {
@@ -79,11 +86,17 @@ std::string Listing(const SectionList& sections, bool colour) {
     for (const auto& result : results) {
       const std::string number = std::to_string(++n);
       const std::string title = result->title().value_or("");
-      out += std::string(2 + numberWidth - number.size(), ' ') + number + "  " + title;
+      std::string lead(2 + numberWidth - number.size(), ' ');
+      if (n == selected) {
+        lead[0] = '>';
+        if (colour) lead += kReverse;
+      }
+      out += lead + number + "  " + title;
       if (const auto& subtitle = result->subtitle(); subtitle && !subtitle->empty()) {
         out += std::string(titleWidth - CodePoints(title) + 2, ' ');
         out += colour ? std::string(kDim) + *subtitle + kReset : *subtitle;
       }
+      if (n == selected && colour) out += kReset;
       out += '\n';
     }
   }

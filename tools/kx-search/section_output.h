@@ -24,8 +24,12 @@ std::string SectionTitle(const KXSearchResultSection& section);
 
 // Section titles, then one row per result numbered across sections (the
 // numbers --open takes), titles aligned in a column before the subtitles.
-// `colour` adds terminal attributes.
-std::string Listing(const SectionList& sections, bool colour);
+// `colour` adds terminal attributes; row number `selected` (when not 0) is
+// marked.
+std::string Listing(const SectionList& sections, bool colour, size_t selected = 0);
+
+// The number of results across sections.
+size_t ResultCount(const SectionList& sections);
 
 // One line while typing: the text and each section's title and size.
 std::string Summary(const std::string& text, const SectionList& sections);
