@@ -27,11 +27,13 @@ test-tsan: bootstrap
 	@cmake --build --preset tsan -j $(JOBS)
 	@TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --preset tsan -j $(JOBS)
 
-# Builds only what the demo runs, then runs it in a private temporary tree.
+# Builds only what the demo runs, then runs it in a private temporary tree;
+# `make demo WINDOW=1` opens the search window instead when there is a display.
 demo: bootstrap
 	@cmake --preset default >/dev/null
-	@cmake --build --preset default -j $(JOBS) --target kx-search kx-searchd kx-launch
-	@./scripts/demo.sh build/default
+	@cmake --build --preset default -j $(JOBS) --target kx-search kx-searchd kx-launch \
+	  $(if $(WINDOW),kx-search-window)
+	@WINDOW=$(WINDOW) ./scripts/demo.sh build/default
 
 bench: build
 	@./scripts/run-benchmarks.sh build/default

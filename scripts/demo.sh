@@ -5,6 +5,9 @@
 # the tree removed on exit, however the script ends.
 #
 #   scripts/demo.sh [BUILD_DIR]     (default build/default, already built)
+#
+# With WINDOW=1 and a display, the search window opens over the same daemon
+# instead of the typed queries; closing it ends the demo.
 set -euo pipefail
 
 repo=$(cd "$(dirname "$0")/.." && pwd)
@@ -44,6 +47,11 @@ for _ in $(seq 100); do
   sleep 0.05
 done
 [[ -S "$KX_SERVICE_DIR/$service" ]] || { echo "demo: kx-launch did not come up" >&2; cat "$root/searchd.log" >&2; exit 1; }
+
+if [[ "${WINDOW:-}" == 1 && ( -n "${DISPLAY:-}" || -n "${WAYLAND_DISPLAY:-}" ) ]]; then
+  "$build/tools/kx-search-window/kx-search-window"
+  exit 0
+fi
 
 if [[ -t 1 ]]; then
   step() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
