@@ -5,6 +5,7 @@
 #include "agent/agent_testing.h"
 #include "kx/KXSearchAgent.h"
 #include "kx/restrictions.h"
+#include "kx/search_preferences.h"
 
 namespace kx {
 namespace {
@@ -109,6 +110,26 @@ TEST(SearchAgentResultsTest, ZeroKeywordBelowLevelTwoOpensNothing) {
   ASSERT_TRUE(DrainUntil([&] { return f.delegate->count() == 1; }));
   EXPECT_TRUE(f.agent->queryComplete());
   EXPECT_EQ(f.daemon.received("OpenQuery").size(), 0u);
+}
+
+TEST(SearchAgentResultsTest, ZeroKeywordLevelTwoAsksOnlyTheServerAndKeepsFreshNews) {
+  KXSetInternetDomainsAvailable(true);
+  AgentFixture f(
+      {"--per-query-scripts", "--empty-query-script", "results:16:2;r.header=News complete"}, 2);
+  OnMain([&] { f.agent->performZKWQueryWithKeyboardLanguage("en", true); });
+  ASSERT_TRUE(f.waitForSections("16:r1,r2")) << f.delegate->lastSections();
+  const auto opened = f.daemon.received("OpenQuery");
+  ASSERT_EQ(opened.size(), 1u);
+  // Only the server's domain is asked for: on-device domains stay silent.
+  EXPECT_NE(opened[0].details.find("DA = ( 16 );"), std::string::npos) << opened[0].details;
+
+  // News on screen are kept: asking again opens nothing, and a check before
+  // they expire removes nothing.
+  OnMain([&] { f.agent->performZKWQueryWithKeyboardLanguage("en", true); });
+  f.agent->clearVantleResultsIfStale();
+  f.settle();
+  EXPECT_EQ(f.daemon.received("OpenQuery").size(), 1u);
+  EXPECT_EQ(f.delegate->lastSections(), "16:r1,r2");
 }
 
 }  // namespace
