@@ -1,5 +1,7 @@
 #include "searchd/query_runner.h"
 
+#include <algorithm>
+
 #include "searchd/calculator.h"
 #include "searchd/result_cache.h"
 
@@ -62,7 +64,15 @@ bool RunZeroKeyword(Index& index, const QueryRequest& request, const BatchSink& 
   if (!request.wantsDomain(kDomainZeroKeyword)) return true;
   const std::vector<IndexedItem> recent = index.recentlyEngaged(request.maxCount, request.excludedBundles);
   if (!recent.empty() && !sink({SectionOf(kDomainZeroKeyword, recent, request.language)})) return false;
-  const std::vector<IndexedItem> apps = index.mostUsedApplications(request.maxCount, request.excludedBundles);
+  // An engaged application is usually also a most used one: shown once,
+  // in the first section.
+  std::vector<IndexedItem> apps =
+      index.mostUsedApplications(request.maxCount + recent.size(), request.excludedBundles);
+  std::erase_if(apps, [&](const IndexedItem& app) {
+    return std::any_of(recent.begin(), recent.end(),
+                       [&](const IndexedItem& r) { return r.id == app.id; });
+  });
+  if (apps.size() > request.maxCount) apps.resize(request.maxCount);
   if (!apps.empty() && !sink({SectionOf(kDomainZeroKeyword, apps, request.language)})) return false;
   return true;
 }
