@@ -132,5 +132,40 @@ TEST(SearchAgentResultsTest, ZeroKeywordLevelTwoAsksOnlyTheServerAndKeepsFreshNe
   EXPECT_EQ(f.delegate->lastSections(), "16:r1,r2");
 }
 
+TEST(SearchAgentResultsTest, ZeroKeywordTestHooksPermuteSaveAndRestore) {
+  // The first result of a domain moves down by at most the number of its
+  // domain's results.
+  auto section = std::make_shared<KXSearchResultSection>();
+  for (auto [title, domain] : {std::pair{"a", 4}, {"b", 2}, {"c", 4}, {"d", 4}, {"e", 2}}) {
+    auto result = std::make_shared<KXSearchResult>();
+    result->setTitle(title);
+    result->setSearchResultDomain(domain);
+    section->addResults(result);
+  }
+  auto titles = [](const KXSearchResultSection& s) {
+    std::string out;
+    for (const auto& r : s.results()) out += r->title().value_or("-");
+    return out;
+  };
+  KXSearchAgent::testPermuteSection(*section, 4, 1);
+  EXPECT_EQ(titles(*section), "bacde");
+  KXSearchAgent::testPermuteSection(*section, 4, 10);
+  EXPECT_EQ(titles(*section), "bcdea");
+  KXSearchAgent::testPermuteSection(*section, 19, 1);
+  EXPECT_EQ(titles(*section), "bcdea");
+
+  // Saving permutes a copy; restoring alternates between the two saved lists.
+  AgentFixture f({"--per-query-scripts", "--empty-query-script", kZeroKeywordScript});
+  f.agent->activate();
+  f.agent->cacheZKWQueryLive(true, false);
+  ASSERT_TRUE(f.waitForSections("22:r1,r2"));
+  OnMain([&] { f.agent->testSaveCachedZKWPermUsers(0, 0, 1); });
+  OnMain([&] { EXPECT_EQ(titles(*f.agent->sectionAtIndex(0)), "r1r2"); });
+  OnMain([&] { f.agent->testRestoreCacheZKW(); });
+  ASSERT_TRUE(f.waitForSections("22:r2,r1")) << f.delegate->lastSections();
+  OnMain([&] { f.agent->testRestoreCacheZKW(); });
+  ASSERT_TRUE(f.waitForSections("")) << f.delegate->lastSections();
+}
+
 }  // namespace
 }  // namespace kx
