@@ -15,6 +15,7 @@ packages=(
   qt6-base-dev
   libglib2.0-dev
   libqalculate-dev librsvg2-dev
+  libgmime-3.0-dev libical-dev
 )
 
 missing=()

@@ -49,6 +49,8 @@ std::string ExtraJson(const Item& item) {
   if (!item.icon.empty()) extra["icon"] = item.icon;
   if (!item.launchCommand.empty()) extra["exec"] = item.launchCommand;
   if (!item.contactIdentifiers.empty()) extra["contacts"] = item.contactIdentifiers;
+  if (item.date) extra["date"] = item.date->secondsSinceReferenceDate;
+  if (item.allDay) extra["allDay"] = true;
   return extra.dump();
 }
 
@@ -63,6 +65,8 @@ void ReadExtra(const std::string& text, Item& item) {
   if (auto c = extra.find("contacts"); c != extra.end() && c->is_array())
     for (const auto& id : *c)
       if (id.is_string()) item.contactIdentifiers.push_back(id.get<std::string>());
+  if (auto d = extra.find("date"); d != extra.end() && d->is_number()) item.date = Date{d->get<double>()};
+  if (auto a = extra.find("allDay"); a != extra.end() && a->is_boolean()) item.allDay = *a;
 }
 
 // A word as an FTS5 prefix phrase: quoted, inner quotes doubled.

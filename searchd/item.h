@@ -3,15 +3,20 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "kx/value.h"
 
 namespace kx::searchd {
 
 // Domains of the daemon's sources.
 inline constexpr uint32_t kDomainContacts = 2;
+inline constexpr uint32_t kDomainMail = 3;
 inline constexpr uint32_t kDomainApplications = 4;
 inline constexpr uint32_t kDomainNotes = 5;
+inline constexpr uint32_t kDomainEvents = 10;
 inline constexpr uint32_t kDomainSettings = 19;
 inline constexpr uint32_t kDomainZeroKeyword = 22;
 inline constexpr uint32_t kDomainCalculator = 24;
@@ -38,6 +43,12 @@ struct Item {
   std::string icon;            // icon name or absolute path
   std::string launchCommand;   // applications: the Exec line
   std::vector<std::string> contactIdentifiers;
+  // When the item happens or happened (a mail's date, an event's start).
+  // Shown before the subtitle as the library's day-and-time text, made when
+  // the result is made so that "Today" is said on the right day; only the
+  // day for an all-day item.
+  std::optional<kx::Date> date;
+  bool allDay = false;
 };
 
 }  // namespace kx::searchd

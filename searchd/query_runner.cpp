@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "kx/date_strings.h"
 #include "searchd/calculator.h"
 #include "searchd/result_cache.h"
 
@@ -34,6 +35,14 @@ std::string LocalizedTitle(const Item& item, const std::string& language) {
 
 std::optional<std::string> NonEmpty(const std::string& s) {
   return s.empty() ? std::nullopt : std::optional<std::string>(s);
+}
+
+// "Today, 10:00 · Room 4": the item's date, when it has one, before its
+// stored subtitle.
+std::string DatedSubtitle(const Item& item) {
+  if (!item.date) return item.subtitle;
+  const std::string when = item.allDay ? KXDayStringForDate(*item.date) : KXDayAndTimeStringForDate(*item.date);
+  return item.subtitle.empty() ? when : when + " · " + item.subtitle;
 }
 
 std::shared_ptr<KXSearchResultSection> CalculatorSection(const QueryRequest& request) {
@@ -83,7 +92,7 @@ std::shared_ptr<KXSearchResult> MakeResult(const IndexedItem& hit, const std::st
   const Item& item = hit.item;
   auto result = std::make_shared<KXSearchResult>();
   result->setTitle(LocalizedTitle(item, language));
-  result->setSubtitle(NonEmpty(item.subtitle));
+  result->setSubtitle(NonEmpty(DatedSubtitle(item)));
   result->setSummary(NonEmpty(item.summary));
   result->setUrl(NonEmpty(item.url));
   result->setBundleID(item.bundle);

@@ -5,7 +5,9 @@
 #include <memory>
 #include <sstream>
 
+#include "searchd/calendar.h"
 #include "searchd/desktop_entry.h"
+#include "searchd/mail.h"
 #include "searchd/note.h"
 #include "searchd/vcard.h"
 
@@ -78,6 +80,22 @@ class FileSource : public Source {
   std::vector<std::string> dirs_;
 };
 
+// Every message of every Maildir folder below the roots; their files have
+// no extension, only their folder tells them apart.
+class MaildirSource : public Source {
+ public:
+  explicit MaildirSource(std::vector<std::string> roots) : roots_(std::move(roots)) {}
+  std::string name() const override { return "mail"; }
+  std::vector<std::string> directories() const override { return roots_; }
+  bool accepts(const std::string& path) const override { return IsMaildirMessage(path); }
+  ParseResult parse(const std::string& path, std::string_view content) const override {
+    return ParseMail(path, content);
+  }
+
+ private:
+  std::vector<std::string> roots_;
+};
+
 }  // namespace
 
 std::string FileUrl(const std::string& path) {
@@ -105,11 +123,14 @@ SourceLocations SourceLocations::ForUser() {
     if (!dir.empty()) l.applications.push_back(dir + "/applications");
   l.contacts.push_back(DataHome() + "/contacts");
   l.notes.push_back(DataHome() + "/notes");
+  l.mail.push_back(Home() + "/Maildir");
+  l.calendar.push_back(DataHome() + "/calendar");
   return l;
 }
 
 SourceLocations SourceLocations::UnderRoot(const std::string& dataRoot) {
-  return SourceLocations{{dataRoot + "/applications"}, {dataRoot + "/contacts"}, {dataRoot + "/notes"}};
+  return SourceLocations{{dataRoot + "/applications"}, {dataRoot + "/contacts"}, {dataRoot + "/notes"},
+                         {dataRoot + "/mail"}, {dataRoot + "/calendar"}};
 }
 
 std::vector<std::unique_ptr<Source>> MakeSources(const SourceLocations& locations) {
@@ -119,6 +140,12 @@ std::vector<std::unique_ptr<Source>> MakeSources(const SourceLocations& location
       "contacts", std::vector<std::string>{".vcf", ".vcard"}, &ParseVCards, locations.contacts));
   sources.push_back(std::make_unique<FileSource>(
       "notes", std::vector<std::string>{".md", ".txt"}, &ParseNote, locations.notes));
+  sources.push_back(std::make_unique<MaildirSource>(locations.mail));
+  // Recurring events are placed relative to the time they are read.
+  sources.push_back(std::make_unique<FileSource>(
+      "calendar", std::vector<std::string>{".ics"},
+      [](const std::string& path, std::string_view content) { return ParseCalendar(path, content, Date::Now()); },
+      locations.calendar));
   return sources;
 }
 

@@ -30,11 +30,13 @@ struct SourceLocations {
   std::vector<std::string> applications;
   std::vector<std::string> contacts;
   std::vector<std::string> notes;
+  std::vector<std::string> mail;      // roots holding Maildir folders
+  std::vector<std::string> calendar;
   static SourceLocations ForUser();
   static SourceLocations UnderRoot(const std::string& dataRoot);
 };
 
-// The first-half sources: applications and settings, contacts, notes.
+// Every source: applications and settings, contacts, notes, mail, calendar.
 std::vector<std::unique_ptr<Source>> MakeSources(const SourceLocations& locations);
 
 }  // namespace kx::searchd

@@ -128,6 +128,27 @@ size_t CodePointCount(std::string_view text) {
   return n;
 }
 
+std::string CollapseBlanks(std::string_view text) {
+  std::string out;
+  bool blank = false;
+  for (char c : text) {
+    if (c == ' ' || c == '\n' || c == '\t' || c == '\r') {
+      blank = !out.empty();
+      continue;
+    }
+    if (blank) out += ' ';
+    blank = false;
+    out += c;
+  }
+  return out;
+}
+
+std::string Snippet(std::string_view text, size_t count) {
+  std::string snippet = CodePointPrefix(text, count);
+  if (snippet.size() < text.size()) snippet += "…";
+  return snippet;
+}
+
 bool IsValidUtf8(std::string_view text) {
   return AllCodePoints(text, [](UChar32 c) { return c >= 0; });
 }

@@ -27,6 +27,13 @@ bool HasUnspacedScript(std::string_view text);
 std::string CodePointPrefix(std::string_view word, size_t count);
 size_t CodePointCount(std::string_view text);
 
+// `text` with every run of blanks and line breaks made one space, and none
+// at either end.
+std::string CollapseBlanks(std::string_view text);
+
+// The first `count` code points of `text`, with "…" when it was longer.
+std::string Snippet(std::string_view text, size_t count);
+
 // True when `text` is valid UTF-8.
 bool IsValidUtf8(std::string_view text);
 
