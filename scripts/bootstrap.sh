@@ -15,6 +15,7 @@ packages=(
   qt6-base-dev
   libglib2.0-dev
   libqalculate-dev librsvg2-dev
+  libpoppler-cpp-dev
 )
 
 missing=()

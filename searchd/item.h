@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,10 +13,20 @@ namespace kx::searchd {
 inline constexpr uint32_t kDomainContacts = 2;
 inline constexpr uint32_t kDomainApplications = 4;
 inline constexpr uint32_t kDomainNotes = 5;
+inline constexpr uint32_t kDomainDocuments = 14;
 inline constexpr uint32_t kDomainSettings = 19;
 inline constexpr uint32_t kDomainZeroKeyword = 22;
 inline constexpr uint32_t kDomainCalculator = 24;
 inline constexpr uint32_t kDomainConversion = 25;
+
+// Where a document lives, by numbers that follow it through renames and
+// moves (the inode) and safe saves (the document identifier).
+struct FileLocation {
+  uint64_t fileIdentifier = 0;        // inode
+  uint64_t parentFileIdentifier = 0;  // inode of its folder
+  std::string filename;
+  uint32_t documentIdentifier = 0;
+};
 
 struct Item {
   uint32_t domain = 0;
@@ -38,6 +49,7 @@ struct Item {
   std::string icon;            // icon name or absolute path
   std::string launchCommand;   // applications: the Exec line
   std::vector<std::string> contactIdentifiers;
+  std::optional<FileLocation> fileLocation;  // documents
 };
 
 }  // namespace kx::searchd

@@ -11,23 +11,6 @@ std::string_view TrimView(std::string_view s) {
   return s.substr(b, s.find_last_not_of(" \t\r") - b + 1);
 }
 
-// Collapses every run of blanks and line breaks into one space.
-std::string Collapse(std::string_view text) {
-  std::string out;
-  bool blank = false;
-  for (char c : text) {
-    const bool space = c == ' ' || c == '\n' || c == '\t' || c == '\r';
-    if (space) {
-      blank = !out.empty();
-      continue;
-    }
-    if (blank) out += ' ';
-    blank = false;
-    out += c;
-  }
-  return out;
-}
-
 bool IsMarkdown(const std::string& path) {
   return path.size() > 3 && path.compare(path.size() - 3, 3, ".md") == 0;
 }
@@ -71,8 +54,7 @@ ParseResult ParseNote(const std::string& path, std::string_view content) {
   item.bundle = "com.orvex.notes";
   item.identifier = "note";
   item.title = Collapse(title);
-  item.summary = CodePointPrefix(rest, kNoteSnippetLength);
-  if (item.summary.size() < rest.size()) item.summary += "…";
+  item.summary = Snippet(rest, kNoteSnippetLength);
   item.url = FileUrl(path);
   item.body = rest;
   ParseResult r;

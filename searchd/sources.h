@@ -23,6 +23,9 @@ class Source {
   virtual bool accepts(const std::string& path) const = 0;
   // Parses one file's content.
   virtual ParseResult parse(const std::string& path, std::string_view content) const = 0;
+  // Reads and parses one file: by default all of it through parse(),
+  // refused above kMaxSourceFileBytes.
+  virtual ParseResult load(const std::string& path) const;
 };
 
 // Default locations, or all under `dataRoot` when it is not empty.
@@ -30,11 +33,12 @@ struct SourceLocations {
   std::vector<std::string> applications;
   std::vector<std::string> contacts;
   std::vector<std::string> notes;
+  std::vector<std::string> documents;
   static SourceLocations ForUser();
   static SourceLocations UnderRoot(const std::string& dataRoot);
 };
 
-// The first-half sources: applications and settings, contacts, notes.
+// Every source over `locations`.
 std::vector<std::unique_ptr<Source>> MakeSources(const SourceLocations& locations);
 
 }  // namespace kx::searchd

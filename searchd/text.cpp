@@ -132,4 +132,26 @@ bool IsValidUtf8(std::string_view text) {
   return AllCodePoints(text, [](UChar32 c) { return c >= 0; });
 }
 
+std::string Collapse(std::string_view text) {
+  std::string out;
+  bool blank = false;
+  for (char c : text) {
+    const bool space = c == ' ' || c == '\n' || c == '\t' || c == '\r';
+    if (space) {
+      blank = !out.empty();
+      continue;
+    }
+    if (blank) out += ' ';
+    blank = false;
+    out += c;
+  }
+  return out;
+}
+
+std::string Snippet(std::string_view text, size_t length) {
+  std::string snippet = CodePointPrefix(text, length);
+  if (snippet.size() < text.size()) snippet += "…";
+  return snippet;
+}
+
 }  // namespace kx::searchd

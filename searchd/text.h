@@ -27,6 +27,12 @@ bool HasUnspacedScript(std::string_view text);
 std::string CodePointPrefix(std::string_view word, size_t count);
 size_t CodePointCount(std::string_view text);
 
+// Every run of blanks and line breaks made one space, none at the start.
+std::string Collapse(std::string_view text);
+
+// The first `length` code points of `text`, with "…" when it goes on.
+std::string Snippet(std::string_view text, size_t length);
+
 // True when `text` is valid UTF-8.
 bool IsValidUtf8(std::string_view text);
 
