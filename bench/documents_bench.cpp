@@ -103,6 +103,7 @@ void MeasureIndexing(const std::string& scratch, int documents) {
 
   kx::searchd::SourceLocations locations;
   locations.documents = {dir};
+  fs::create_directories(scratch + "/index");
   kx::searchd::Index index(scratch + "/index/index.db", false);
   kx::searchd::Indexer indexer(index, kx::searchd::MakeSources(locations));
   start = Now();
