@@ -8,6 +8,7 @@
 #include <poppler/cpp/poppler-document.h>
 #include <poppler/cpp/poppler-global.h>
 #include <poppler/cpp/poppler-page.h>
+#include <unicode/unistr.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -111,6 +112,13 @@ ParseResult ExtractPdfText(std::string_view content, std::string* text) {
     const poppler::byte_array utf8 = page->text().to_utf8();
     text->append(utf8.begin(), utf8.end());
     text->push_back('\n');
+  }
+  // A damaged text string can hold lone surrogates; ICU turns whatever is
+  // not UTF-8 into U+FFFD.
+  if (!IsValidUtf8(*text)) {
+    std::string repaired;
+    icu::UnicodeString::fromUTF8(*text).toUTF8String(repaired);
+    *text = std::move(repaired);
   }
   if (text->size() > kMaxDocumentTextBytes)
     text->resize(WithoutCutSequence(std::string_view(*text).substr(0, kMaxDocumentTextBytes)).size());
