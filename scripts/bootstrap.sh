@@ -16,6 +16,7 @@ packages=(
   libglib2.0-dev
   libqalculate-dev librsvg2-dev
   libgmime-3.0-dev libical-dev
+  libpoppler-cpp-dev
 )
 
 missing=()

@@ -51,6 +51,8 @@ std::string ExtraJson(const Item& item) {
   if (!item.contactIdentifiers.empty()) extra["contacts"] = item.contactIdentifiers;
   if (item.date) extra["date"] = item.date->secondsSinceReferenceDate;
   if (item.allDay) extra["allDay"] = true;
+  if (const std::optional<FileLocation>& file = item.fileLocation)
+    extra["file"] = {file->fileIdentifier, file->parentFileIdentifier, file->filename, file->documentIdentifier};
   return extra.dump();
 }
 
@@ -67,6 +69,11 @@ void ReadExtra(const std::string& text, Item& item) {
       if (id.is_string()) item.contactIdentifiers.push_back(id.get<std::string>());
   if (auto d = extra.find("date"); d != extra.end() && d->is_number()) item.date = Date{d->get<double>()};
   if (auto a = extra.find("allDay"); a != extra.end() && a->is_boolean()) item.allDay = *a;
+  if (auto f = extra.find("file"); f != extra.end() && f->is_array() && f->size() == 4 &&
+                                   (*f)[0].is_number_unsigned() && (*f)[1].is_number_unsigned() &&
+                                   (*f)[2].is_string() && (*f)[3].is_number_unsigned())
+    item.fileLocation = FileLocation{(*f)[0].get<uint64_t>(), (*f)[1].get<uint64_t>(),
+                                     (*f)[2].get<std::string>(), (*f)[3].get<uint32_t>()};
 }
 
 // A word as an FTS5 prefix phrase: quoted, inner quotes doubled.
@@ -133,6 +140,17 @@ std::map<std::string, int64_t> Index::fileStamps(const std::string& source) {
   std::map<std::string, int64_t> stamps;
   Statement s = db_.prepare("SELECT path, stamp FROM files WHERE source = ?1");
   s.bind(1, source);
+  while (s.step()) stamps[s.text(0)] = s.integer(1);
+  return stamps;
+}
+
+std::map<std::string, int64_t> Index::fileStampsUnder(const std::string& source, const std::string& path) {
+  std::map<std::string, int64_t> stamps;
+  // Below `path`: from "path/" up to "path0" ('0' follows '/'), a range of
+  // the primary key.
+  Statement s = db_.prepare(
+      "SELECT path, stamp FROM files WHERE source = ?1 AND (path = ?2 OR (path > ?2 || '/' AND path < ?2 || '0'))");
+  s.bind(1, source).bind(2, path);
   while (s.step()) stamps[s.text(0)] = s.integer(1);
   return stamps;
 }

@@ -78,6 +78,8 @@ class Index {
   // --- Writer side ---
   // Modification stamps of the files of `source`, by path.
   std::map<std::string, int64_t> fileStamps(const std::string& source);
+  // The same for the files of `source` at or below `path`.
+  std::map<std::string, int64_t> fileStampsUnder(const std::string& source, const std::string& path);
   // Replaces the items of `path` by `items`, keeping the id and the
   // engagement of every item whose identifier stays; records the stamp.
   void replaceFile(const std::string& source, const std::string& path, int64_t stamp,

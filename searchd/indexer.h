@@ -6,7 +6,10 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
+#include <set>
+#include <string>
 #include <vector>
 
 #include "searchd/index.h"
@@ -30,9 +33,18 @@ class Indexer {
   Indexer(Index& index, std::vector<std::unique_ptr<Source>> sources)
       : index_(index), sources_(std::move(sources)) {}
 
+  // Every file of every source (at start, and when the watcher lost track).
   IndexerStats update(const Progress& progress = {});
+  // Only the files at or below the `changed` paths (files or folders that
+  // were created, written, removed or moved), in every source whose
+  // directories hold them.
+  IndexerStats update(const std::set<std::string>& changed);
+
+  // Every directory of every source.
+  std::vector<std::string> directories() const;
 
  private:
+
   Index& index_;
   std::vector<std::unique_ptr<Source>> sources_;
 };

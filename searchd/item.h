@@ -17,10 +17,20 @@ inline constexpr uint32_t kDomainMail = 3;
 inline constexpr uint32_t kDomainApplications = 4;
 inline constexpr uint32_t kDomainNotes = 5;
 inline constexpr uint32_t kDomainEvents = 10;
+inline constexpr uint32_t kDomainDocuments = 14;
 inline constexpr uint32_t kDomainSettings = 19;
 inline constexpr uint32_t kDomainZeroKeyword = 22;
 inline constexpr uint32_t kDomainCalculator = 24;
 inline constexpr uint32_t kDomainConversion = 25;
+
+// Where a document lives, by numbers that follow it through renames and
+// moves (the inode) and safe saves (the document identifier).
+struct FileLocation {
+  uint64_t fileIdentifier = 0;        // inode
+  uint64_t parentFileIdentifier = 0;  // inode of its folder
+  std::string filename;
+  uint32_t documentIdentifier = 0;
+};
 
 struct Item {
   uint32_t domain = 0;
@@ -49,6 +59,7 @@ struct Item {
   // day for an all-day item.
   std::optional<kx::Date> date;
   bool allDay = false;
+  std::optional<FileLocation> fileLocation;  // documents
 };
 
 }  // namespace kx::searchd

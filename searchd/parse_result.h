@@ -10,7 +10,8 @@ namespace kx::searchd {
 
 struct ParseResult {
   std::vector<Item> items;
-  std::string error;  // empty when the file parsed
+  std::string error;    // empty when the file parsed
+  std::string warning;  // logged; the items are kept (a document found by name only)
   bool ok() const { return error.empty(); }
   static ParseResult Failure(std::string why) {
     ParseResult r;

@@ -100,6 +100,13 @@ std::shared_ptr<KXSearchResult> MakeResult(const IndexedItem& hit, const std::st
   result->setIdentifier(static_cast<uint64_t>(hit.id));
   result->setSearchResultDomain(item.domain);
   if (!item.contactIdentifiers.empty()) result->setContactIdentifiers(item.contactIdentifiers);
+  if (const std::optional<FileLocation>& file = item.fileLocation) {
+    // The client resolves these to the file's current path (contentURL).
+    result->setFileIdentifier(file->fileIdentifier);
+    result->setParentFileIdentifier(file->parentFileIdentifier);
+    result->setFilename(file->filename);
+    result->setDocumentIdentifier(file->documentIdentifier);
+  }
   return result;
 }
 

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -82,22 +83,28 @@ inline std::string BuiltTool(const std::string& name) {
   return std::string(KX_BUILD_DIR) + "/tools/" + name + "/" + name;
 }
 
-// kx-searchd serving `service` over examples/data under kx-launch, with its
-// index in this test's private tree.
+// kx-searchd serving `service` under kx-launch over a copy of examples/data
+// (the daemon writes document identifiers into the files it indexes), with
+// the copy and its index in this test's private tree.
 class Searchd {
  public:
-  explicit Searchd(std::string service = "searchd-test") : service_(std::move(service)) {
+  explicit Searchd(std::string service = "searchd-test")
+      : service_(std::move(service)), dataRoot_(TestRoot() + "/" + service_ + ".data") {
     const std::string indexDir = TestRoot() + "/" + service_ + ".index";
+    std::filesystem::copy(KX_EXAMPLES_DATA, dataRoot_, std::filesystem::copy_options::recursive |
+                                                           std::filesystem::copy_options::skip_existing);
     launcher_ = ChildProcess::Spawn(
         BuiltTool("kx-launch"),
         {"--name", service_, "--", BuiltTool("kx-searchd"), "--service", service_,
-         "--data-root", KX_EXAMPLES_DATA, "--index", indexDir});
+         "--data-root", dataRoot_, "--index", indexDir});
     EXPECT_TRUE(launcher_.has_value());
     WaitForServiceSocket(service_);
     connection_ = KXDaemonConnection::initWithDaemonName(service_);
   }
 
   const std::shared_ptr<KXDaemonConnection>& connection() const { return connection_; }
+  // The daemon's --data-root, which the test may change while it runs.
+  const std::string& dataRoot() const { return dataRoot_; }
 
   // Starts a query; the delegate collects its batches.
   std::pair<std::shared_ptr<KXDaemonQueryToken>, std::shared_ptr<CollectingDelegate>> start(
@@ -134,6 +141,7 @@ class Searchd {
 
  private:
   std::string service_;
+  std::string dataRoot_;
   std::optional<ChildProcess> launcher_;
   std::shared_ptr<KXDaemonConnection> connection_;
 };

@@ -2,11 +2,15 @@
 
 #include <cctype>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <sstream>
 
+#include "kx/log.h"
+#include "platform/files/file_id_service.h"
 #include "searchd/calendar.h"
 #include "searchd/desktop_entry.h"
+#include "searchd/documents.h"
 #include "searchd/mail.h"
 #include "searchd/note.h"
 #include "searchd/vcard.h"
@@ -96,7 +100,43 @@ class MaildirSource : public Source {
   std::vector<std::string> roots_;
 };
 
+std::optional<std::string> ReadFile(const std::string& path, std::string* why) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    *why = "cannot open";
+    return std::nullopt;
+  }
+  in.seekg(0, std::ios::end);
+  const std::streamoff size = in.tellg();
+  if (size < 0 || static_cast<size_t>(size) > kMaxSourceFileBytes) {
+    *why = "too large";
+    return std::nullopt;
+  }
+  std::string content(static_cast<size_t>(size), '\0');
+  in.seekg(0);
+  if (!in.read(content.data(), size)) {
+    *why = "cannot read";
+    return std::nullopt;
+  }
+  return content;
+}
+
+// The file-identifier index the documents are recorded in; null (logged)
+// when it cannot be opened, and documents then go without identifiers.
+std::shared_ptr<FileIDIndexer> OpenFileIDIndexer() {
+  std::string error;
+  std::shared_ptr<FileIDIndexer> indexer = FileIDIndexer::Open(&error);
+  if (!indexer) KXLOG(4, "kx-searchd: documents without file identifiers: %s", error);
+  return indexer;
+}
+
 }  // namespace
+
+ParseResult Source::load(const std::string& path) const {
+  std::string why;
+  std::optional<std::string> content = ReadFile(path, &why);
+  return content ? parse(path, *content) : ParseResult::Failure(why);
+}
 
 std::string FileUrl(const std::string& path) {
   static const char kHex[] = "0123456789ABCDEF";
@@ -125,12 +165,19 @@ SourceLocations SourceLocations::ForUser() {
   l.notes.push_back(DataHome() + "/notes");
   l.mail.push_back(Home() + "/Maildir");
   l.calendar.push_back(DataHome() + "/calendar");
+  l.documents.push_back(DefaultDocumentsDirectory());
   return l;
 }
 
 SourceLocations SourceLocations::UnderRoot(const std::string& dataRoot) {
-  return SourceLocations{{dataRoot + "/applications"}, {dataRoot + "/contacts"}, {dataRoot + "/notes"},
-                         {dataRoot + "/mail"}, {dataRoot + "/calendar"}};
+  SourceLocations l;
+  l.applications = {dataRoot + "/applications"};
+  l.contacts = {dataRoot + "/contacts"};
+  l.notes = {dataRoot + "/notes"};
+  l.mail = {dataRoot + "/mail"};
+  l.calendar = {dataRoot + "/calendar"};
+  l.documents = {dataRoot + "/documents"};
+  return l;
 }
 
 std::vector<std::unique_ptr<Source>> MakeSources(const SourceLocations& locations) {
@@ -146,6 +193,8 @@ std::vector<std::unique_ptr<Source>> MakeSources(const SourceLocations& location
       "calendar", std::vector<std::string>{".ics"},
       [](const std::string& path, std::string_view content) { return ParseCalendar(path, content, Date::Now()); },
       locations.calendar));
+  if (!locations.documents.empty())
+    sources.push_back(std::make_unique<DocumentSource>(locations.documents, OpenFileIDIndexer()));
   return sources;
 }
 

@@ -23,6 +23,9 @@ class Source {
   virtual bool accepts(const std::string& path) const = 0;
   // Parses one file's content.
   virtual ParseResult parse(const std::string& path, std::string_view content) const = 0;
+  // Reads and parses one file: by default all of it through parse(),
+  // refused above kMaxSourceFileBytes.
+  virtual ParseResult load(const std::string& path) const;
 };
 
 // Default locations, or all under `dataRoot` when it is not empty.
@@ -32,11 +35,13 @@ struct SourceLocations {
   std::vector<std::string> notes;
   std::vector<std::string> mail;      // roots holding Maildir folders
   std::vector<std::string> calendar;
+  std::vector<std::string> documents;
   static SourceLocations ForUser();
   static SourceLocations UnderRoot(const std::string& dataRoot);
 };
 
-// Every source: applications and settings, contacts, notes, mail, calendar.
+// Every source over `locations`: applications and settings, contacts, notes,
+// mail, calendar, documents.
 std::vector<std::unique_ptr<Source>> MakeSources(const SourceLocations& locations);
 
 }  // namespace kx::searchd

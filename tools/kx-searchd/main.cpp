@@ -28,13 +28,14 @@
 #include "searchd/calculator.h"
 #include "searchd/icon_theme.h"
 #include "searchd/indexer.h"
+#include "searchd/live_updates.h"
 #include "searchd/server.h"
 
 namespace {
 
 constexpr const char* kUsage =
     "usage: kx-searchd [options]\n"
-    "  --data-root DIR   read applications/, contacts/ and notes/ under DIR\n"
+    "  --data-root DIR   read applications/, contacts/, notes/ and documents/ under DIR\n"
     "                    (icons from DIR/icons first) instead of the user's data\n"
     "  --index DIR       keep the index in DIR (default $XDG_CACHE_HOME/kxsearch)\n"
     "  --service NAME    serve NAME (default com.orvex.searchd)\n"
@@ -83,6 +84,16 @@ void DrawProgress(size_t done, size_t total) {
   std::fprintf(stderr, "\rindexing [%.*s%*s] %zu/%zu", filled,
                "########################################", kWidth - filled, "", done, total);
   if (done == total) std::fputc('\n', stderr);
+}
+
+// Cheapest domains first: their results make the first batch.
+std::vector<uint32_t> DomainOrder(kx::searchd::Index& index) {
+  std::vector<std::pair<int64_t, uint32_t>> bySize;
+  for (const auto& [domain, count] : index.domainCounts()) bySize.emplace_back(count, domain);
+  std::sort(bySize.begin(), bySize.end());
+  std::vector<uint32_t> order;
+  for (const auto& [count, domain] : bySize) order.push_back(domain);
+  return order;
 }
 
 bool SocketActivated() {
@@ -146,6 +157,10 @@ int main(int argc, char** argv) {
     if (!options->dataRoot.empty()) SetExtraIconDirectories({options->dataRoot + "/icons"});
     const bool firstBuild = writer.itemCount() == 0;
     Indexer indexer(writer, MakeSources(locations));
+    std::mutex writerMutex;
+    // Watching from before the first pass: what changes during it is read
+    // again once the server runs.
+    LiveUpdates live(indexer, writerMutex);
     const IndexerStats stats =
         indexer.update(firstBuild && isatty(STDERR_FILENO) ? Indexer::Progress(DrawProgress) : nullptr);
     KXLOG(6, "kx-searchd: %zu files, %zu read, %zu skipped, %zu removed", stats.filesSeen,
@@ -153,20 +168,18 @@ int main(int argc, char** argv) {
 
     if (!options->foreground && !SocketActivated() && isatty(STDIN_FILENO)) Detach();
 
-    std::mutex writerMutex;
     ServerOptions serverOptions;
     serverOptions.serviceName = options->service;
     serverOptions.indexPath = indexPath;
     SearchServer server(serverOptions, writer, writerMutex);
-    // Cheapest domains first: their results make the first batch.
-    std::vector<std::pair<int64_t, uint32_t>> bySize;
-    for (const auto& [domain, count] : writer.domainCounts()) bySize.emplace_back(count, domain);
-    std::sort(bySize.begin(), bySize.end());
-    std::vector<uint32_t> order;
-    for (const auto& [count, domain] : bySize) order.push_back(domain);
-    server.setDomainOrder(order);
+    server.setDomainOrder(DomainOrder(writer));
     std::thread preload(PreloadCalculator);
     server.start();
+    // Runs on the watcher's thread, which holds no lock by then.
+    live.start([&] {
+      std::lock_guard lock(writerMutex);
+      server.setDomainOrder(DomainOrder(writer));
+    });
 
     std::atomic<bool> signalled{false};
     std::thread waiter([stopSignals, &signalled] {
@@ -176,6 +189,7 @@ int main(int argc, char** argv) {
       kx::main_loop::stop();
     });
     kx::main_loop::run();
+    live.stop();
     server.drain();
     preload.join();
     // The waiter must not outlive main: wake it if the loop ended otherwise.
