@@ -154,10 +154,10 @@ void Run(int items, const std::string& scratch) {
     kx::searchd::Index index(indexDir + "/index.db", false);
     const uint64_t start = Now(), cpuStart = CpuNow();
     for (int i = 0; i < items;) {
-      kx::searchd::Transaction transaction(index.database());
+      kx::searchd::Index::Batch batch(index);
       for (int end = std::min(items, i + 2048); i < end; ++i)
         index.replaceFile("generated", "/generated/" + std::to_string(i), 1, {generated[i]});
-      transaction.commit();
+      batch.commit();
     }
     const double seconds = static_cast<double>(Now() - start) / 1e9;
     const double cpu = static_cast<double>(CpuNow() - cpuStart) / 1e9;

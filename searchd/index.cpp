@@ -30,7 +30,7 @@ CREATE INDEX IF NOT EXISTS items_path ON items(path);
 CREATE INDEX IF NOT EXISTS items_engaged ON items(last_engaged) WHERE last_engaged IS NOT NULL;
 CREATE VIRTUAL TABLE IF NOT EXISTS items_text USING fts5(
   title, keywords, body, words,
-  tokenize = 'unicode61 remove_diacritics 2', prefix = '3');
+  tokenize = 'unicode61 remove_diacritics 2');
 -- Keyed in rank order, so a prefix's best items are the first rows of its
 -- range. No index by item: an item's rows are found again from its stored
 -- title and keywords, which saves a B-tree write per row on every build.
@@ -256,11 +256,49 @@ void Index::writePrefixes(int64_t id, uint32_t domain, const std::string& title,
                           const std::string& keywordsColumn, double score, bool insert) {
   // The score is recomputed from the same inputs as when the rows went in,
   // so it is bit for bit the key they were filed under.
+  const std::set<std::string> prefixes = StoredPrefixes(title, keywordsColumn);
+  if (insert && batching_) {
+    for (const std::string& prefix : prefixes) pendingPrefixes_.push_back({prefix, domain, score, id});
+    return;
+  }
+  // A buffered row of this item may be the one to delete.
+  if (!insert) flushPrefixes();
   const char* sql = insert ? "INSERT INTO word_prefix(prefix, domain, score, item) VALUES(?1, ?2, ?3, ?4)"
                            : "DELETE FROM word_prefix WHERE prefix = ?1 AND domain = ?2 AND score = ?3 "
                              "AND item = ?4";
-  for (const std::string& prefix : StoredPrefixes(title, keywordsColumn))
+  for (const std::string& prefix : prefixes)
     db_.prepare(sql).bind(1, prefix).bind(2, int64_t{domain}).bind(3, score).bind(4, id).run();
+}
+
+bool Index::PrefixRow::operator<(const PrefixRow& o) const {
+  if (prefix != o.prefix) return prefix < o.prefix;  // both UTF-8: byte order, as SQLite's BINARY
+  if (domain != o.domain) return domain < o.domain;
+  if (score != o.score) return score > o.score;
+  return item < o.item;
+}
+
+void Index::flushPrefixes() {
+  if (pendingPrefixes_.empty()) return;
+  std::sort(pendingPrefixes_.begin(), pendingPrefixes_.end());
+  for (const PrefixRow& row : pendingPrefixes_)
+    db_.prepare("INSERT INTO word_prefix(prefix, domain, score, item) VALUES(?1, ?2, ?3, ?4)")
+        .bind(1, row.prefix).bind(2, int64_t{row.domain}).bind(3, row.score).bind(4, row.item).run();
+  pendingPrefixes_.clear();
+}
+
+Index::Batch::Batch(Index& index) : index_(index), transaction_(index.db_) {
+  index_.batching_ = true;
+}
+
+Index::Batch::~Batch() {
+  index_.batching_ = false;
+  index_.pendingPrefixes_.clear();
+}
+
+void Index::Batch::commit() {
+  index_.flushPrefixes();
+  index_.batching_ = false;
+  transaction_.commit();
 }
 
 bool Index::recordEngagement(int64_t id, double when) {
@@ -339,11 +377,18 @@ struct Index::Candidate {
 std::optional<std::vector<Index::Candidate>> Index::fullTextCandidates(const QueryPlan& plan) {
   const auto limit = static_cast<int64_t>(rankedMatchLimit_);
   if (!plan.prefix.empty()) {
-    // Counting rowids costs a fraction of scoring them.
-    Statement count = db_.prepare(
-        "SELECT count(*) FROM (SELECT rowid FROM items_text WHERE items_text MATCH ?1 LIMIT ?2)");
-    count.bind(1, plan.match).bind(2, limit + 1);
-    if (count.step() && count.integer(0) > limit) return std::nullopt;
+    // The prefix's own range is the cheaper count; counting rowids costs a
+    // fraction of scoring them.
+    auto exceeds = [&](const char* sql, const std::string& key) {
+      Statement count = db_.prepare(sql);
+      count.bind(1, key).bind(2, limit + 1);
+      return count.step() && count.integer(0) > limit;
+    };
+    if (exceeds("SELECT count(*) FROM (SELECT item FROM word_prefix WHERE prefix = ?1 LIMIT ?2)",
+                plan.prefix) ||
+        exceeds("SELECT count(*) FROM (SELECT rowid FROM items_text WHERE items_text MATCH ?1 LIMIT ?2)",
+                plan.match))
+      return std::nullopt;
   }
   // FTS5 walks the matches in rowid order, so the subquery stops after the
   // limit and bm25 scores only what it returns.

@@ -3,7 +3,9 @@
 //   items        one row per item (domain, bundle, texts, engagement count)
 //   items_text   FTS5 over title, keywords, body and `words` (the ICU words
 //                of text in scripts written without spaces, which unicode61
-//                cannot split); diacritics removed, prefix indexes
+//                cannot split); diacritics removed. No FTS prefix index: the
+//                prefixes that match much are answered from word_prefix, and
+//                a prefix index doubled the cost of a build
 //   word_prefix  the first one to five letters of every title and keyword
 //                word, with the item's stored score, keyed in rank order
 //
@@ -13,8 +15,9 @@
 //    score is engagement count + 1 / (1 + letters in the title): every
 //    engagement outweighs any title length, and shorter titles come first.
 //    It answers a one-word query of at most kShortPrefixLength letters, and
-//    a one-word query of at most kStoredScorePrefixLength letters that
-//    matches more than rankedMatchLimit() items in the full text.
+//    a one-word query of at most kStoredScorePrefixLength letters when more
+//    than rankedMatchLimit() items have a title or keyword word starting
+//    with it or more than that many items match it in the full text.
 //  - Full text: every word is a prefix phrase in FTS5; the candidates are
 //    the matching items, but only the rankedMatchLimit() most recent (highest
 //    id) when more match; candidates rank by
@@ -88,6 +91,8 @@ double StoredScore(int64_t engagement, const std::string& title);
 
 class Index {
  public:
+  class Batch;
+
   // Opens or creates the index database at `path`. Throws SqliteError.
   Index(const std::string& path, bool readOnly);
 
@@ -153,6 +158,8 @@ class Index {
   // limit match and the plan has a prefix: the stored-score rule answers.
   std::optional<std::vector<Candidate>> fullTextCandidates(const QueryPlan& plan);
   void migrate();
+  // Writes the buffered word_prefix rows (see Batch).
+  void flushPrefixes();
   void deleteItem(int64_t id);
   // Removes the item's text and prefix rows (before it changes or goes).
   void deleteIndexedText(int64_t id);
@@ -162,7 +169,35 @@ class Index {
 
   Database db_;
   size_t rankedMatchLimit_ = kDefaultRankedMatchLimit;
+  // word_prefix rows written at the end of the open Batch, if any.
+  struct PrefixRow {
+    std::string prefix;
+    uint32_t domain;
+    double score;
+    int64_t item;
+    bool operator<(const PrefixRow& o) const;  // the table's key order
+  };
+  bool batching_ = false;
+  std::vector<PrefixRow> pendingPrefixes_;
   std::atomic<const std::atomic<bool>*> cancel_{nullptr};
+};
+
+// A write transaction on the index that buffers the word_prefix rows of new
+// items and writes them in key order at commit: sorted, each lands next to
+// the one before on a page already in the cache, which takes about half the
+// time of random inserts into a large B-tree. Left without commit, it rolls
+// back. One at a time per Index.
+class Index::Batch {
+ public:
+  explicit Batch(Index& index);
+  ~Batch();
+  Batch(const Batch&) = delete;
+  Batch& operator=(const Batch&) = delete;
+  void commit();
+
+ private:
+  Index& index_;
+  Transaction transaction_;
 };
 
 }  // namespace kx::searchd

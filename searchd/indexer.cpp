@@ -84,7 +84,7 @@ IndexerStats Indexer::update(const Progress& progress) {
   }
   stats.filesSeen = candidates.size();
 
-  std::optional<Transaction> transaction;
+  std::optional<Index::Batch> transaction;
   size_t pending = 0;
   auto flush = [&] {
     if (transaction) transaction->commit();
@@ -109,14 +109,14 @@ IndexerStats Indexer::update(const Progress& progress) {
       KXLOG(4, "kx-searchd: skipped %s: %s", c.path, parsed.error);
       parsed.items.clear();
     }
-    if (!transaction) transaction.emplace(index_.database());
+    if (!transaction) transaction.emplace(index_);
     index_.replaceFile(c.source->name(), c.path, c.stamp, parsed.items);
     stats.items += parsed.items.size();
     if (++pending == kFilesPerTransaction) flush();
   }
   for (const auto& [source, stamps] : known) {
     for (const auto& [path, stamp] : stamps) {
-      if (!transaction) transaction.emplace(index_.database());
+      if (!transaction) transaction.emplace(index_);
       index_.removeFile(path);
       ++stats.filesRemoved;
     }
