@@ -15,6 +15,8 @@ packages=(
   qt6-base-dev
   libglib2.0-dev
   libqalculate-dev librsvg2-dev
+  # The end-to-end benchmark's anchor only, never linked into the product.
+  libtracker-sparql-3.0-dev
 )
 
 missing=()

@@ -221,6 +221,29 @@ TEST(IndexTest, ReindexingKeepsIdentityAndEngagementAndRemovesWhatWent) {
   EXPECT_FALSE(index.recordEngagement(alpha, 6));
 }
 
+TEST(IndexTest, AnIndexOfTheEarlierLayoutGetsItsPrefixRowsAndKeepsEngagement) {
+  const std::string path = test::TestRoot() + "/old.db";
+  int64_t alpha = 0;
+  {
+    Index index(path, false);
+    index.replaceFile("s", "/f", 1, {Application("a", "Alphabet Soup")});
+    alpha = index.search(PlanQuery("al"), SearchRequest::InDomain(4)).at(0).id;
+    ASSERT_TRUE(index.recordEngagement(alpha, 1));
+    // What the earlier layout had instead of word_prefix.
+    index.database().exec("DROP TABLE word_prefix; CREATE TABLE short_prefix(domain, prefix, score, item); "
+                          "PRAGMA user_version = 0;");
+  }
+  Index index(path, false);
+  for (const char* prefix : {"s", "so", "alpha"}) {
+    const auto hits = index.search(PlanQuery(prefix), SearchRequest::InDomain(4));
+    ASSERT_EQ(hits.size(), 1u) << prefix;
+    EXPECT_EQ(hits[0].engagement, 1);
+  }
+  Statement old = index.database().prepare("SELECT count(*) FROM sqlite_master WHERE name = 'short_prefix'");
+  ASSERT_TRUE(old.step());
+  EXPECT_EQ(old.integer(0), 0);
+}
+
 TEST(IndexTest, ACancelledQueryIsInterrupted) {
   Index index(test::TestRoot() + "/cancel.db", false);
   index.replaceFile("s", "/f", 1, {Application("a", "Alpha")});
