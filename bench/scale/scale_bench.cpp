@@ -46,6 +46,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/daemon_bench_support.h"
 #include "bench/generated_corpus.h"
 #include "bench/private_bus.h"
 #include "bench/scale/bus_search.h"
@@ -63,6 +64,9 @@
 
 namespace {
 
+using kx::bench::CpuNow;
+using kx::bench::Now;
+using kx::bench::PercentileOf;
 using kx::searchd::Item;
 
 const std::vector<uint32_t> kDomains = {2, 4, 5, 19};
@@ -71,40 +75,11 @@ constexpr size_t kWordLetters = 10;
 constexpr auto kKeyInterval = std::chrono::milliseconds(30);
 constexpr auto kWordPause = std::chrono::milliseconds(300);
 
-uint64_t Now() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<uint64_t>(ts.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(ts.tv_nsec);
-}
-
-uint64_t CpuNow() {
-  timespec ts;
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-  return static_cast<uint64_t>(ts.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(ts.tv_nsec);
-}
-
-double Percentile(std::vector<double> v, double p) {
-  if (v.empty()) return NAN;
-  std::sort(v.begin(), v.end());
-  return v[std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size())))];
-}
-
 std::string LoadAverage() {
   std::ifstream in("/proc/loadavg");
   std::string a, b, c;
   in >> a >> b >> c;
   return a + " " + b + " " + c;
-}
-
-// VmRSS and VmHWM of a process, in KiB.
-std::pair<long, long> Memory(pid_t pid) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  long rss = -1, hwm = -1;
-  for (std::string line; std::getline(status, line);) {
-    if (line.rfind("VmRSS:", 0) == 0) rss = std::atol(line.c_str() + 6);
-    if (line.rfind("VmHWM:", 0) == 0) hwm = std::atol(line.c_str() + 6);
-  }
-  return {rss, hwm};
 }
 
 double MiB(uintmax_t bytes) { return static_cast<double>(bytes) / 1048576.0; }
@@ -296,8 +271,8 @@ std::vector<double> BusLatencies(const std::string& root, const std::string& ind
 }
 
 void PrintLatencyRow(const char* what, const std::vector<double>& ms) {
-  std::printf("| %s | %zu | %.2f ms | %.2f ms | %.2f ms |\n", what, ms.size(), Percentile(ms, 0.5),
-              Percentile(ms, 0.95), Percentile(ms, 0.99));
+  std::printf("| %s | %zu | %.2f ms | %.2f ms | %.2f ms |\n", what, ms.size(), PercentileOf(ms, 0.5),
+              PercentileOf(ms, 0.95), PercentileOf(ms, 0.99));
 }
 
 void Run(int size, const Options& options, const std::string& root, const char* self) {
@@ -309,27 +284,15 @@ void Run(int size, const Options& options, const std::string& root, const char* 
   const std::string indexDir = root + "/index-" + std::to_string(size);
   std::filesystem::create_directories(indexDir);
   const std::string indexPath = indexDir + "/index.db";
-  {
-    kx::searchd::Index index(indexPath, false);
-    const uint64_t start = Now(), cpuStart = CpuNow();
-    for (int i = 0; i < size;) {
-      kx::searchd::Index::Batch batch(index);
-      for (int end = std::min(size, i + 2048); i < end; ++i)
-        index.replaceFile("generated", "/generated/" + std::to_string(i), 1, {items[i]});
-      batch.commit();
-    }
-    const double wall = static_cast<double>(Now() - start) / 1e9, cpu = static_cast<double>(CpuNow() - cpuStart) / 1e9;
-    std::printf("our index build: %.2f s wall, %.2f s CPU (%.0f items/s of CPU)\n", wall, cpu, size / cpu);
-  }
+  const kx::bench::BuildTime build = kx::bench::BuildIndex(indexPath, items);
+  std::printf("our index build: %.2f s wall, %.2f s CPU (%.0f items/s of CPU)\n", build.wallSeconds,
+              build.cpuSeconds, size / build.cpuSeconds);
   std::printf("our index size: %.1f MiB\n", MiB(std::filesystem::file_size(indexPath)));
 
   std::filesystem::create_directories(root + "/empty");
-  std::optional<kx::ChildProcess> daemon = kx::ChildProcess::Spawn(
-      KX_SEARCHD, {"--foreground", "--service", std::string(KXDaemonConnection::kDefaultDaemonName), "--index",
-                   indexDir, "--data-root", root + "/empty"});
-  const std::string socket = *kx::ServiceSocketPath(std::string(KXDaemonConnection::kDefaultDaemonName));
-  for (int i = 0; i < 3000 && access(socket.c_str(), F_OK) != 0; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  std::optional<kx::ChildProcess> daemon = kx::bench::StartSearchd(
+      KX_SEARCHD, std::string(KXDaemonConnection::kDefaultDaemonName), indexDir, root + "/empty");
+  if (!daemon) return;
 
   const MatchChecker checker(items);
   const std::vector<std::string> words = TypedWords(items, options.words);
@@ -337,7 +300,7 @@ void Run(int size, const Options& options, const std::string& root, const char* 
   const uint64_t typingCpu = CpuNow();
   const TypingResult typed = Type(words, checker);
   const double clientCpu = static_cast<double>(CpuNow() - typingCpu) / 1e9;
-  const auto [rss, hwm] = Memory(daemon->pid());
+  const kx::bench::ProcessMemory memory = kx::bench::MemoryOf(daemon->pid());
 
   std::map<size_t, std::vector<double>> byLength;
   std::vector<double> all;
@@ -357,7 +320,7 @@ void Run(int size, const Options& options, const std::string& root, const char* 
               "client CPU %.2f s\n",
               words.size(), typed.keystrokes.size(), 100.0 * misses / typed.keystrokes.size(), misses,
               typed.wakeUpsPerWord, clientCpu);
-  std::printf("kx-searchd: VmRSS %.1f MiB, VmHWM %.1f MiB\n\n", rss / 1024.0, hwm / 1024.0);
+  std::printf("kx-searchd: VmRSS %.1f MiB, VmHWM %.1f MiB\n\n", memory.rssKiB / 1024.0, memory.hwmKiB / 1024.0);
 
   std::vector<double> trackerAll;
   std::map<size_t, std::vector<double>> trackerByLength;
@@ -383,13 +346,13 @@ void Run(int size, const Options& options, const std::string& root, const char* 
   std::printf("| prefix length | ours: keystroke to first post p50 | p95 | p99 | Tracker in-process p50 | p99 | "
               "Tracker p50 / ours p50 |\n| --- | --- | --- | --- | --- | --- | --- |\n");
   for (auto& [letters, ms] : byLength)
-    std::printf("| %zu | %.2f ms | %.2f ms | %.2f ms | %.2f ms | %.2f ms | %.1fx |\n", letters, Percentile(ms, 0.5),
-                Percentile(ms, 0.95), Percentile(ms, 0.99), Percentile(trackerByLength[letters], 0.5),
-                Percentile(trackerByLength[letters], 0.99),
-                Percentile(trackerByLength[letters], 0.5) / Percentile(ms, 0.5));
-  std::printf("| all | %.2f ms | %.2f ms | %.2f ms | %.2f ms | %.2f ms | %.1fx |\n\n", Percentile(all, 0.5),
-              Percentile(all, 0.95), Percentile(all, 0.99), Percentile(trackerAll, 0.5), Percentile(trackerAll, 0.99),
-              Percentile(trackerAll, 0.5) / Percentile(all, 0.5));
+    std::printf("| %zu | %.2f ms | %.2f ms | %.2f ms | %.2f ms | %.2f ms | %.1fx |\n", letters, PercentileOf(ms, 0.5),
+                PercentileOf(ms, 0.95), PercentileOf(ms, 0.99), PercentileOf(trackerByLength[letters], 0.5),
+                PercentileOf(trackerByLength[letters], 0.99),
+                PercentileOf(trackerByLength[letters], 0.5) / PercentileOf(ms, 0.5));
+  std::printf("| all | %.2f ms | %.2f ms | %.2f ms | %.2f ms | %.2f ms | %.1fx |\n\n", PercentileOf(all, 0.5),
+              PercentileOf(all, 0.95), PercentileOf(all, 0.99), PercentileOf(trackerAll, 0.5), PercentileOf(trackerAll, 0.99),
+              PercentileOf(trackerAll, 0.5) / PercentileOf(all, 0.5));
 
   const std::vector<double> connection = DaemonConnectionLatencies(texts);
   const std::vector<double> bus = BusLatencies(root, indexPath, self, texts);
