@@ -12,11 +12,8 @@
 // the socket hop both ways (some 20-40 µs), so they overstate the time spent
 // in the daemon slightly. Finally the daemon's VmRSS.
 //
-// Corpus: domains 4 (10%), 19 (2%), 2 (28%), 5 (60%); titles of 2 to 4
-// words, keywords 0 to 3 words, bodies of notes 10 to 30 words; words drawn
-// Zipf-like (exponent 1) from a vocabulary of 20,000 generated words of 3 to
-// 10 letters, a fifth of them with an accented letter. Prefixes are taken
-// from words drawn the same way, so common prefixes come up as often as they
+// Corpus: bench/generated_corpus.h. Prefixes are taken from words drawn the
+// same way as the corpus's, so common prefixes come up as often as they
 // would be typed.
 #include <signal.h>
 #include <time.h>
@@ -39,72 +36,20 @@
 #include "kx/KXDPQMessage.h"
 #include "platform/message/message_socket.h"
 #include "platform/process/child_process.h"
+#include "bench/daemon_bench_support.h"
+#include "bench/generated_corpus.h"
 #include "searchd/index.h"
 #include "searchd/text.h"
 
 namespace {
 
+using kx::bench::Corpus;
+using kx::bench::Now;
+using kx::bench::PercentileOf;
 using kx::searchd::Item;
 
 constexpr int kQueriesPerLength = 400;
 constexpr int kWarmUp = 50;
-
-uint64_t CpuNow() {
-  timespec ts;
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-  return static_cast<uint64_t>(ts.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(ts.tv_nsec);
-}
-
-uint64_t Now() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<uint64_t>(ts.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(ts.tv_nsec);
-}
-
-class Corpus {
- public:
-  Corpus() : random_(20261123) {
-    const char* letters = "abcdefghijklmnoprstuvwyz";
-    const std::vector<std::string> accented = {"é", "ö", "ñ", "å", "č"};
-    for (int i = 0; i < 20000; ++i) {
-      std::string word;
-      const int length = 3 + static_cast<int>(random_() % 8);
-      for (int n = 0; n < length; ++n) word += letters[random_() % 24];
-      if (i % 5 == 0) word += accented[random_() % accented.size()];
-      vocabulary_.push_back(word);
-    }
-    // Zipf weights 1/rank.
-    double total = 0;
-    for (size_t r = 1; r <= vocabulary_.size(); ++r) cumulative_.push_back(total += 1.0 / static_cast<double>(r));
-  }
-
-  const std::string& word() {
-    const double x = std::uniform_real_distribution<double>(0, cumulative_.back())(random_);
-    return vocabulary_[std::lower_bound(cumulative_.begin(), cumulative_.end(), x) - cumulative_.begin()];
-  }
-  std::string words(int min, int max) {
-    std::string text;
-    for (int n = min + static_cast<int>(random_() % (max - min + 1)); n > 0; --n) text += (text.empty() ? "" : " ") + word();
-    return text;
-  }
-  Item item(int i) {
-    Item item;
-    const int bucket = static_cast<int>(random_() % 100);
-    item.domain = bucket < 10 ? 4 : bucket < 12 ? 19 : bucket < 40 ? 2 : 5;
-    item.bundle = item.domain == 4 || item.domain == 19 ? "app" + std::to_string(i) : "com.orvex.generated";
-    item.identifier = "g" + std::to_string(i);
-    item.title = words(2, 4);
-    item.keywords = words(0, 3);
-    if (item.domain == 5) item.body = words(10, 30);
-    item.url = "file:///generated/" + std::to_string(i);
-    return item;
-  }
-
- private:
-  std::mt19937 random_;
-  std::vector<std::string> vocabulary_;
-  std::vector<double> cumulative_;
-};
 
 // Messages of the daemon, handed from the connection's queue to the
 // benchmark thread.
@@ -130,19 +75,6 @@ class Inbox {
   std::vector<std::pair<std::shared_ptr<KXDPQMessage>, uint64_t>> items_;
 };
 
-double Percentile(std::vector<double> v, double p) {
-  if (v.empty()) return NAN;
-  std::sort(v.begin(), v.end());
-  return v[std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size())))];
-}
-
-long RssKiB(pid_t pid) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  for (std::string line; std::getline(status, line);)
-    if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
-  return -1;
-}
-
 void Run(int items, const std::string& scratch) {
   const std::string indexDir = scratch + "/index-" + std::to_string(items);
   std::filesystem::remove_all(indexDir);
@@ -150,30 +82,14 @@ void Run(int items, const std::string& scratch) {
   Corpus corpus;
   std::vector<Item> generated;
   for (int i = 0; i < items; ++i) generated.push_back(corpus.item(i));
-  {
-    kx::searchd::Index index(indexDir + "/index.db", false);
-    const uint64_t start = Now(), cpuStart = CpuNow();
-    for (int i = 0; i < items;) {
-      kx::searchd::Transaction transaction(index.database());
-      for (int end = std::min(items, i + 2048); i < end; ++i)
-        index.replaceFile("generated", "/generated/" + std::to_string(i), 1, {generated[i]});
-      transaction.commit();
-    }
-    const double seconds = static_cast<double>(Now() - start) / 1e9;
-    const double cpu = static_cast<double>(CpuNow() - cpuStart) / 1e9;
-    std::printf("items %d: build %.2f s wall, %.2f s CPU: %.0f items/s wall, %.0f items/s CPU; index %.1f MiB\n",
-                items, seconds, cpu, items / seconds, items / cpu,
-                static_cast<double>(std::filesystem::file_size(indexDir + "/index.db") +
-                                    std::filesystem::file_size(indexDir + "/index.db-wal")) / 1048576.0);
-  }
+  const kx::bench::BuildTime build = kx::bench::BuildIndex(indexDir + "/index.db", generated);
+  std::printf("items %d: build %.2f s wall, %.2f s CPU: %.0f items/s wall, %.0f items/s CPU; index %.1f MiB\n",
+              items, build.wallSeconds, build.cpuSeconds, items / build.wallSeconds, items / build.cpuSeconds,
+              static_cast<double>(std::filesystem::file_size(indexDir + "/index.db")) / 1048576.0);
 
   const std::string service = "searchd-bench-" + std::to_string(getpid()) + "-" + std::to_string(items);
   std::filesystem::create_directories(scratch + "/empty");
-  std::optional<kx::ChildProcess> daemon = kx::ChildProcess::Spawn(
-      KX_SEARCHD, {"--foreground", "--service", service, "--index", indexDir, "--data-root", scratch + "/empty"});
-  const std::string socket = *kx::ServiceSocketPath(service);
-  for (int i = 0; i < 1000 && access(socket.c_str(), F_OK) != 0; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  std::optional<kx::ChildProcess> daemon = kx::bench::StartSearchd(KX_SEARCHD, service, indexDir, scratch + "/empty");
 
   auto queue = kx::Queue::Create("bench.client");
   auto inbox = std::make_shared<Inbox>();
@@ -220,10 +136,10 @@ void Run(int items, const std::string& scratch) {
       }
     }
     std::printf("| %d | %zu | %.3f ms | %.3f ms | %.3f ms | %.3f ms | %d/%d |\n", items, length,
-                Percentile(first, 0.5), Percentile(first, 0.99), Percentile(complete, 0.5),
-                Percentile(complete, 0.99), withResults, kQueriesPerLength);
+                PercentileOf(first, 0.5), PercentileOf(first, 0.99), PercentileOf(complete, 0.5),
+                PercentileOf(complete, 0.99), withResults, kQueriesPerLength);
   }
-  std::printf("items %d: daemon VmRSS %ld KiB\n\n", items, RssKiB(daemon->pid()));
+  std::printf("items %d: daemon VmRSS %ld KiB\n\n", items, kx::bench::MemoryOf(daemon->pid()).rssKiB);
   connection->shutdown();
   kill(daemon->pid(), SIGTERM);
   daemon->wait(std::chrono::milliseconds(10000));

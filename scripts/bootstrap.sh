@@ -17,6 +17,8 @@ packages=(
   libqalculate-dev librsvg2-dev
   libgmime-3.0-dev libical-dev
   libpoppler-cpp-dev
+  # The end-to-end benchmark's anchor only, never linked into the product.
+  libtracker-sparql-3.0-dev
 )
 
 missing=()

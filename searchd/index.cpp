@@ -30,14 +30,18 @@ CREATE INDEX IF NOT EXISTS items_path ON items(path);
 CREATE INDEX IF NOT EXISTS items_engaged ON items(last_engaged) WHERE last_engaged IS NOT NULL;
 CREATE VIRTUAL TABLE IF NOT EXISTS items_text USING fts5(
   title, keywords, body, words,
-  tokenize = 'unicode61 remove_diacritics 2', prefix = '3');
+  tokenize = 'unicode61 remove_diacritics 2');
 -- Keyed in rank order, so a prefix's best items are the first rows of its
--- range; the second index finds an item's rows when it changes.
-CREATE TABLE IF NOT EXISTS short_prefix(
-  domain INTEGER NOT NULL, prefix TEXT NOT NULL, score REAL NOT NULL, item INTEGER NOT NULL,
-  PRIMARY KEY(domain, prefix, score DESC, item)) WITHOUT ROWID;
-CREATE INDEX IF NOT EXISTS short_prefix_item ON short_prefix(item);
+-- range. No index by item: an item's rows are found again from its stored
+-- title and keywords, which saves a B-tree write per row on every build.
+CREATE TABLE IF NOT EXISTS word_prefix(
+  prefix TEXT NOT NULL, domain INTEGER NOT NULL, score REAL NOT NULL, item INTEGER NOT NULL,
+  PRIMARY KEY(prefix, domain, score DESC, item)) WITHOUT ROWID;
 )sql";
+
+// Databases older than this hold the one- and two-letter table instead of
+// word_prefix; opening one fills word_prefix from the stored texts.
+constexpr int64_t kSchemaVersion = 2;
 
 #define KX_ITEM_COLUMNS \
   "i.id, i.domain, i.bundle, i.identifier, i.title, i.subtitle, i.summary, i.url, i.extra, " \
@@ -76,6 +80,21 @@ void ReadExtra(const std::string& text, Item& item) {
                                      (*f)[2].get<std::string>(), (*f)[3].get<uint32_t>()};
 }
 
+// The keywords column of items_text: keywords and every localised title.
+std::string KeywordsColumn(const Item& item) {
+  std::string keywords = item.keywords;
+  for (const auto& [language, title] : item.localizedTitles) keywords += " " + title;
+  return keywords;
+}
+
+// The prefixes word_prefix files an item under.
+std::set<std::string> StoredPrefixes(const std::string& title, const std::string& keywordsColumn) {
+  std::set<std::string> prefixes;
+  for (const std::string& word : Words(Fold(title + " " + keywordsColumn)))
+    for (size_t n = 1; n <= kStoredScorePrefixLength; ++n) prefixes.insert(CodePointPrefix(word, n));
+  return prefixes;
+}
+
 // A word as an FTS5 prefix phrase: quoted, inner quotes doubled.
 std::string PrefixPhrase(const std::string& word) {
   std::string phrase = "\"";
@@ -110,10 +129,12 @@ QueryPlan PlanQuery(const std::string& text) {
   QueryPlan plan;
   const std::vector<std::string> folded = Words(Fold(text));
   if (folded.empty()) return plan;
-  if (folded.size() == 1 && CodePointCount(folded[0]) <= kShortPrefixLength) {
-    plan.shortPrefix = true;
+  if (folded.size() == 1 && CodePointCount(folded[0]) <= kStoredScorePrefixLength) {
     plan.prefix = folded[0];
-    return plan;
+    if (CodePointCount(folded[0]) <= kShortPrefixLength) {
+      plan.shortPrefix = true;
+      return plan;
+    }
   }
   // FTS5 folds the phrases with the tokenizer that indexed the text, so the
   // words go in as typed.
@@ -126,10 +147,31 @@ double StoredScore(int64_t engagement, const std::string& title) {
 }
 
 Index::Index(const std::string& path, bool readOnly) : db_(path, readOnly) {
-  if (!readOnly) db_.exec(kSchema);
+  if (!readOnly) {
+    db_.exec(kSchema);
+    migrate();
+  }
   // Checked every 1000 virtual machine steps: a cancelled query stops within
   // microseconds without slowing the others measurably.
   sqlite3_progress_handler(db_.handle(), 1000, ProgressHandler, &cancel_);
+}
+
+void Index::migrate() {
+  Statement version = db_.prepare("PRAGMA user_version");
+  if (version.step() && version.integer(0) >= kSchemaVersion) return;
+  version.reset();
+  Transaction transaction(db_);
+  db_.exec("DROP TABLE IF EXISTS short_prefix");
+  {
+    Statement s = db_.prepare(
+        "SELECT i.id, i.domain, i.title, i.engagement, t.keywords FROM items i "
+        "JOIN items_text t ON t.rowid = i.id");
+    while (s.step())
+      writePrefixes(s.integer(0), static_cast<uint32_t>(s.integer(1)), s.text(2), s.text(4),
+                    StoredScore(s.integer(3), s.text(2)), /*insert=*/true);
+  }
+  db_.exec(("PRAGMA user_version = " + std::to_string(kSchemaVersion)).c_str());
+  transaction.commit();
 }
 
 void Index::setCancelFlag(const std::atomic<bool>* flag) {
@@ -174,17 +216,19 @@ void Index::replaceFile(const std::string& source, const std::string& path, int6
     upsert.bind(1, path).bind(2, key).bind(3, int64_t{item.domain}).bind(4, item.bundle);
     upsert.bind(5, item.identifier).bind(6, item.title).bind(7, item.subtitle);
     upsert.bind(8, item.summary).bind(9, item.url).bind(10, ExtraJson(item));
+    // The old rows are found from the old texts: drop them before the
+    // upsert replaces those.
+    if (auto old = previous.find(key); old != previous.end()) {
+      deleteIndexedText(old->second);
+      previous.erase(old);
+    }
     if (!upsert.step()) continue;
     const int64_t id = upsert.integer(0);
     const int64_t engagement = upsert.integer(1);
     upsert.run();
-    if (auto old = previous.find(key); old != previous.end()) {
-      previous.erase(old);
-      db_.prepare("DELETE FROM items_text WHERE rowid = ?1").bind(1, id).run();
-      db_.prepare("DELETE FROM short_prefix WHERE item = ?1").bind(1, id).run();
-    }
     insertText(id, item);
-    insertPrefixes(id, item, StoredScore(engagement, item.title));
+    writePrefixes(id, item.domain, item.title, KeywordsColumn(item), StoredScore(engagement, item.title),
+                  /*insert=*/true);
   }
   for (const auto& [key, id] : previous) deleteItem(id);
   db_.prepare("INSERT INTO files(path, source, stamp) VALUES(?1, ?2, ?3) "
@@ -204,39 +248,91 @@ void Index::removeFile(const std::string& path) {
 }
 
 void Index::deleteItem(int64_t id) {
-  db_.prepare("DELETE FROM items_text WHERE rowid = ?1").bind(1, id).run();
-  db_.prepare("DELETE FROM short_prefix WHERE item = ?1").bind(1, id).run();
+  deleteIndexedText(id);
   db_.prepare("DELETE FROM items WHERE id = ?1").bind(1, id).run();
 }
 
+std::optional<Index::StoredText> Index::storedText(int64_t id) {
+  Statement s = db_.prepare(
+      "SELECT i.domain, i.title, i.engagement, t.keywords FROM items i, items_text t "
+      "WHERE i.id = ?1 AND t.rowid = ?1");
+  s.bind(1, id);
+  if (!s.step()) return std::nullopt;
+  return StoredText{static_cast<uint32_t>(s.integer(0)), s.text(1), s.integer(2), s.text(3)};
+}
+
+void Index::deleteIndexedText(int64_t id) {
+  if (std::optional<StoredText> old = storedText(id))
+    writePrefixes(id, old->domain, old->title, old->keywords, StoredScore(old->engagement, old->title),
+                  /*insert=*/false);
+  db_.prepare("DELETE FROM items_text WHERE rowid = ?1").bind(1, id).run();
+}
+
 void Index::insertText(int64_t id, const Item& item) {
-  std::string keywords = item.keywords;
-  for (const auto& [language, title] : item.localizedTitles) keywords += " " + title;
   db_.prepare("INSERT INTO items_text(rowid, title, keywords, body, words) VALUES(?1, ?2, ?3, ?4, ?5)")
-      .bind(1, id).bind(2, item.title).bind(3, keywords).bind(4, item.body)
+      .bind(1, id).bind(2, item.title).bind(3, KeywordsColumn(item)).bind(4, item.body)
       .bind(5, UnspacedWords(item)).run();
 }
 
-void Index::insertPrefixes(int64_t id, const Item& item, double score) {
-  std::set<std::string> prefixes;
-  std::string text = item.title + " " + item.keywords;
-  for (const auto& [language, title] : item.localizedTitles) text += " " + title;
-  for (const std::string& word : Words(Fold(text)))
-    for (size_t n = 1; n <= kShortPrefixLength; ++n) prefixes.insert(CodePointPrefix(word, n));
-  for (const std::string& prefix : prefixes) {
-    db_.prepare("INSERT INTO short_prefix(domain, prefix, score, item) VALUES(?1, ?2, ?3, ?4)")
-        .bind(1, int64_t{item.domain}).bind(2, prefix).bind(3, score).bind(4, id).run();
+void Index::writePrefixes(int64_t id, uint32_t domain, const std::string& title,
+                          const std::string& keywordsColumn, double score, bool insert) {
+  // The score is recomputed from the same inputs as when the rows went in,
+  // so it is bit for bit the key they were filed under.
+  const std::set<std::string> prefixes = StoredPrefixes(title, keywordsColumn);
+  if (insert && batching_) {
+    for (const std::string& prefix : prefixes) pendingPrefixes_.push_back({prefix, domain, score, id});
+    return;
   }
+  // A buffered row of this item may be the one to delete.
+  if (!insert) flushPrefixes();
+  const char* sql = insert ? "INSERT INTO word_prefix(prefix, domain, score, item) VALUES(?1, ?2, ?3, ?4)"
+                           : "DELETE FROM word_prefix WHERE prefix = ?1 AND domain = ?2 AND score = ?3 "
+                             "AND item = ?4";
+  for (const std::string& prefix : prefixes)
+    db_.prepare(sql).bind(1, prefix).bind(2, int64_t{domain}).bind(3, score).bind(4, id).run();
+}
+
+bool Index::PrefixRow::operator<(const PrefixRow& o) const {
+  if (prefix != o.prefix) return prefix < o.prefix;  // both UTF-8: byte order, as SQLite's BINARY
+  if (domain != o.domain) return domain < o.domain;
+  if (score != o.score) return score > o.score;
+  return item < o.item;
+}
+
+void Index::flushPrefixes() {
+  if (pendingPrefixes_.empty()) return;
+  std::sort(pendingPrefixes_.begin(), pendingPrefixes_.end());
+  for (const PrefixRow& row : pendingPrefixes_)
+    db_.prepare("INSERT INTO word_prefix(prefix, domain, score, item) VALUES(?1, ?2, ?3, ?4)")
+        .bind(1, row.prefix).bind(2, int64_t{row.domain}).bind(3, row.score).bind(4, row.item).run();
+  pendingPrefixes_.clear();
+}
+
+Index::Batch::Batch(Index& index) : index_(index), transaction_(index.db_) {
+  index_.batching_ = true;
+}
+
+Index::Batch::~Batch() {
+  index_.batching_ = false;
+  index_.pendingPrefixes_.clear();
+}
+
+void Index::Batch::commit() {
+  index_.flushPrefixes();
+  index_.batching_ = false;
+  transaction_.commit();
 }
 
 bool Index::recordEngagement(int64_t id, double when) {
-  std::optional<IndexedItem> found = itemById(id);
-  if (!found) return false;
-  const int64_t engagement = found->engagement + 1;
+  std::optional<StoredText> text = storedText(id);
+  if (!text) return false;
+  const int64_t engagement = text->engagement + 1;
   db_.prepare("UPDATE items SET engagement = ?2, last_engaged = ?3 WHERE id = ?1")
       .bind(1, id).bind(2, engagement).bind(3, when).run();
-  db_.prepare("UPDATE short_prefix SET score = ?2 WHERE item = ?1")
-      .bind(1, id).bind(2, StoredScore(engagement, found->item.title)).run();
+  writePrefixes(id, text->domain, text->title, text->keywords, StoredScore(text->engagement, text->title),
+                /*insert=*/false);
+  writePrefixes(id, text->domain, text->title, text->keywords, StoredScore(engagement, text->title),
+                /*insert=*/true);
   BumpIndexGeneration();
   return true;
 }
@@ -267,57 +363,85 @@ std::optional<IndexedItem> Index::firstItem(Statement& statement) {
   return std::move(items.front());
 }
 
-std::vector<IndexedItem> Index::search(const QueryPlan& plan, const SearchRequest& request) {
+void Index::throwIfCancelled() const {
   // The progress handler only looks every thousand steps; a query cancelled
   // before it starts must not run at all.
   if (const std::atomic<bool>* flag = cancel_.load(std::memory_order_acquire); flag && *flag)
     throw SqliteError(SQLITE_INTERRUPT, "interrupted");
-  if (plan.empty() || request.limit == 0) return {};
-  const std::string excluded = ExcludedJson(request.excludedBundles);
-  if (plan.shortPrefix) {
-    Statement s = db_.prepare(
-        "SELECT " KX_ITEM_COLUMNS ", p.score FROM short_prefix p JOIN items i ON i.id = p.item "
-        "WHERE p.domain = ?1 AND p.prefix = ?2 "
-        "AND i.bundle NOT IN (SELECT value FROM json_each(?3)) "
-        "ORDER BY p.score DESC, p.item LIMIT ?4");
-    s.bind(1, int64_t{request.domain}).bind(2, plan.prefix).bind(3, excluded);
-    s.bind(4, static_cast<int64_t>(request.limit));
-    return readItems(s);
-  }
+}
+
+std::vector<IndexedItem> Index::search(const QueryPlan& plan, const SearchRequest& request) {
+  DomainHits hits = searchDomains(plan, {request.domain}, request);
+  auto it = hits.find(request.domain);
+  return it == hits.end() ? std::vector<IndexedItem>{} : std::move(it->second);
+}
+
+std::vector<IndexedItem> Index::searchStoredScore(const std::string& prefix, uint32_t domain,
+                                                  const SearchRequest& request) {
   Statement s = db_.prepare(
-      "SELECT " KX_ITEM_COLUMNS ", bm25(items_text, 10.0, 4.0, 1.0, 6.0) * (1 + i.engagement) AS r "
-      "FROM items_text JOIN items i ON i.id = items_text.rowid "
-      "WHERE items_text MATCH ?1 AND i.domain = ?2 "
+      "SELECT " KX_ITEM_COLUMNS ", p.score FROM word_prefix p JOIN items i ON i.id = p.item "
+      "WHERE p.prefix = ?1 AND p.domain = ?2 "
       "AND i.bundle NOT IN (SELECT value FROM json_each(?3)) "
-      "ORDER BY r, i.id LIMIT ?4");
-  s.bind(1, plan.match).bind(2, int64_t{request.domain}).bind(3, excluded);
+      "ORDER BY p.score DESC, p.item LIMIT ?4");
+  s.bind(1, prefix).bind(2, int64_t{domain}).bind(3, ExcludedJson(request.excludedBundles));
   s.bind(4, static_cast<int64_t>(request.limit));
   return readItems(s);
 }
 
-Index::DomainHits Index::searchFullText(const QueryPlan& plan, const std::set<uint32_t>& domains,
-                                       const SearchRequest& request) {
-  if (const std::atomic<bool>* flag = cancel_.load(std::memory_order_acquire); flag && *flag)
-    throw SqliteError(SQLITE_INTERRUPT, "interrupted");
-  DomainHits hits;
-  if (plan.shortPrefix || plan.match.empty() || request.limit == 0) return hits;
-  struct Ranked {
-    double rank;
-    int64_t id;
-    bool operator<(const Ranked& o) const { return rank != o.rank ? rank < o.rank : id < o.id; }
-  };
-  std::map<uint32_t, std::vector<Ranked>> ranked;
-  {
-    Statement s = db_.prepare(
-        "SELECT i.id, i.domain, bm25(items_text, 10.0, 4.0, 1.0, 6.0) * (1 + i.engagement) "
-        "FROM items_text JOIN items i ON i.id = items_text.rowid WHERE items_text MATCH ?1 "
-        "AND i.bundle NOT IN (SELECT value FROM json_each(?2))");
-    s.bind(1, plan.match).bind(2, ExcludedJson(request.excludedBundles));
-    while (s.step()) {
-      const auto domain = static_cast<uint32_t>(s.integer(1));
-      if (domains.count(domain)) ranked[domain].push_back({s.real(2), s.integer(0)});
-    }
+struct Index::Candidate {
+  int64_t id;
+  uint32_t domain;
+  std::string bundle;
+  double rank;
+  bool operator<(const Candidate& o) const { return rank != o.rank ? rank < o.rank : id < o.id; }
+};
+
+std::optional<std::vector<Index::Candidate>> Index::fullTextCandidates(const QueryPlan& plan) {
+  const auto limit = static_cast<int64_t>(rankedMatchLimit_);
+  if (!plan.prefix.empty()) {
+    // The prefix's own range is the cheaper count; counting rowids costs a
+    // fraction of scoring them.
+    auto exceeds = [&](const char* sql, const std::string& key) {
+      Statement count = db_.prepare(sql);
+      count.bind(1, key).bind(2, limit + 1);
+      return count.step() && count.integer(0) > limit;
+    };
+    if (exceeds("SELECT count(*) FROM (SELECT item FROM word_prefix WHERE prefix = ?1 LIMIT ?2)",
+                plan.prefix) ||
+        exceeds("SELECT count(*) FROM (SELECT rowid FROM items_text WHERE items_text MATCH ?1 LIMIT ?2)",
+                plan.match))
+      return std::nullopt;
   }
+  // FTS5 walks the matches in rowid order, so the subquery stops after the
+  // limit and bm25 scores only what it returns.
+  Statement s = db_.prepare(
+      "SELECT c.id, i.domain, i.bundle, c.r * (1 + i.engagement) FROM "
+      "(SELECT rowid AS id, bm25(items_text, 10.0, 4.0, 1.0, 6.0) AS r FROM items_text "
+      "WHERE items_text MATCH ?1 ORDER BY rowid DESC LIMIT ?2) c JOIN items i ON i.id = c.id");
+  s.bind(1, plan.match).bind(2, limit);
+  std::vector<Candidate> candidates;
+  while (s.step())
+    candidates.push_back({s.integer(0), static_cast<uint32_t>(s.integer(1)), s.text(2), s.real(3)});
+  return candidates;
+}
+
+Index::DomainHits Index::searchDomains(const QueryPlan& plan, const std::set<uint32_t>& domains,
+                                       const SearchRequest& request) {
+  throwIfCancelled();
+  DomainHits hits;
+  if (plan.empty() || request.limit == 0) return hits;
+  std::optional<std::vector<Candidate>> candidates;
+  if (!plan.shortPrefix) candidates = fullTextCandidates(plan);
+  if (!candidates) {
+    for (uint32_t domain : domains)
+      if (std::vector<IndexedItem> found = searchStoredScore(plan.prefix, domain, request); !found.empty())
+        hits[domain] = std::move(found);
+    return hits;
+  }
+  std::map<uint32_t, std::vector<Candidate>> ranked;
+  for (Candidate& c : *candidates)
+    if (domains.count(c.domain) && !request.excludedBundles.count(c.bundle))
+      ranked[c.domain].push_back(std::move(c));
   for (auto& [domain, list] : ranked) {
     const size_t keep = std::min(list.size(), request.limit);
     std::partial_sort(list.begin(), list.begin() + static_cast<std::ptrdiff_t>(keep), list.end());

@@ -34,7 +34,7 @@ class GeneratedIndexTest : public ::testing::Test {
       return text;
     };
     index_ = std::make_unique<Index>(test::TestRoot() + "/generated.db", false);
-    Transaction transaction(index_->database());
+    Index::Batch batch(*index_);
     for (int i = 0; i < kItems; ++i) {
       Item item;
       item.domain = std::vector<uint32_t>{2, 4, 5}[random() % 3];
@@ -46,7 +46,7 @@ class GeneratedIndexTest : public ::testing::Test {
       index_->replaceFile("generated", "/f/" + std::to_string(i), 1, {item});
       items_.push_back(item);
     }
-    transaction.commit();
+    batch.commit();
     engagement_.assign(kItems + 1, 0);
     for (int n = 0; n < 400; ++n) {
       const int64_t id = 1 + static_cast<int64_t>(random() % kItems);
@@ -70,6 +70,25 @@ class GeneratedIndexTest : public ::testing::Test {
     return ids;
   }
 
+  // The stored-score rule by brute force.
+  std::vector<int64_t> BestByStoredScore(const std::string& prefix, uint32_t domain,
+                                         const std::set<std::string>& excluded, size_t limit) const {
+    std::vector<int64_t> expected;
+    for (int64_t id = 1; id <= kItems; ++id) {
+      const Item& it = item(id);
+      if (it.domain == domain && !excluded.count(it.bundle) &&
+          AnyWordStartsWith(it.title + " " + it.keywords, prefix))
+        expected.push_back(id);
+    }
+    std::sort(expected.begin(), expected.end(), [&](int64_t a, int64_t b) {
+      const double sa = StoredScore(engagement_[a], item(a).title);
+      const double sb = StoredScore(engagement_[b], item(b).title);
+      return sa != sb ? sa > sb : a < b;
+    });
+    if (expected.size() > limit) expected.resize(limit);
+    return expected;
+  }
+
   std::vector<std::string> vocabulary_;
   std::vector<Item> items_;
   std::vector<int64_t> engagement_;
@@ -84,19 +103,7 @@ TEST_F(GeneratedIndexTest, ShortPrefixRuleReturnsTheBestByStoredScore) {
   for (const std::string& prefix : prefixes) {
     for (uint32_t domain : {2u, 4u, 5u}) {
       for (const std::set<std::string>& excluded : {std::set<std::string>{}, std::set<std::string>{"b1", "b2"}}) {
-        std::vector<int64_t> expected;
-        for (int64_t id = 1; id <= kItems; ++id) {
-          const Item& it = item(id);
-          if (it.domain == domain && !excluded.count(it.bundle) &&
-              AnyWordStartsWith(it.title + " " + it.keywords, prefix))
-            expected.push_back(id);
-        }
-        std::sort(expected.begin(), expected.end(), [&](int64_t a, int64_t b) {
-          const double sa = StoredScore(engagement_[a], item(a).title);
-          const double sb = StoredScore(engagement_[b], item(b).title);
-          return sa != sb ? sa > sb : a < b;
-        });
-        if (expected.size() > 13) expected.resize(13);
+        const std::vector<int64_t> expected = BestByStoredScore(prefix, domain, excluded, 13);
         const QueryPlan plan = PlanQuery(prefix);
         ASSERT_TRUE(plan.shortPrefix) << prefix;
         SearchRequest request;
@@ -110,48 +117,77 @@ TEST_F(GeneratedIndexTest, ShortPrefixRuleReturnsTheBestByStoredScore) {
   EXPECT_GT(checked, 50u);
 }
 
-TEST_F(GeneratedIndexTest, FullTextRuleReturnsTheBestByWeightedBm25) {
+// The candidate limit is small here so that the frequent words of this
+// corpus cross it: longer prefixes of them switch to the stored-score rule,
+// and other texts rank only their most recent matches.
+TEST_F(GeneratedIndexTest, FullTextRuleReturnsTheBestByWeightedBm25AmongItsCandidates) {
+  constexpr size_t kLimit = 40;
+  index_->setRankedMatchLimit(kLimit);
   std::mt19937 random(99);
-  for (int round = 0; round < 60; ++round) {
-    // A whole word and the first three letters of another.
+  int storedScoreAnswers = 0, truncatedFullText = 0, wholeFullText = 0;
+  for (int round = 0; round < 150; ++round) {
+    // A whole word and the first three letters of another, or one word cut
+    // to three to six letters.
     const std::string first = Fold(vocabulary_[random() % vocabulary_.size()]);
     const std::string second = CodePointPrefix(Fold(vocabulary_[random() % vocabulary_.size()]), 3);
-    const std::string text = first + " " + second;
+    const bool oneWord = round % 2 == 1;
+    const std::string text = oneWord ? CodePointPrefix(first, 3 + random() % 4) : first + " " + second;
+    const std::vector<std::string> queryWords = Words(text);
     const QueryPlan plan = PlanQuery(text);
-    ASSERT_FALSE(plan.shortPrefix);
+    if (plan.shortPrefix) continue;  // a short word: the test above
     // Brute-force match set: every query word starts some word of the item.
     std::set<int64_t> matching;
     for (int64_t id = 1; id <= kItems; ++id) {
       const Item& it = item(id);
       const std::string all = it.title + " " + it.keywords + " " + it.body;
-      if (it.domain == 4 && AnyWordStartsWith(all, first) && AnyWordStartsWith(all, second)) matching.insert(id);
+      if (std::all_of(queryWords.begin(), queryWords.end(),
+                      [&](const std::string& w) { return AnyWordStartsWith(all, w); }))
+        matching.insert(id);
     }
     // bm25 of every match, unranked and unlimited, as FTS5 computes it.
     std::map<int64_t, double> bm25;
     Statement all = index_->database().prepare(
         "SELECT rowid, bm25(items_text, 10.0, 4.0, 1.0, 6.0) FROM items_text WHERE items_text MATCH ?1");
     all.bind(1, plan.match);
-    while (all.step())
-      if (item(all.integer(0)).domain == 4) bm25[all.integer(0)] = all.real(1);
+    while (all.step()) bm25[all.integer(0)] = all.real(1);
     std::set<int64_t> found;
     for (const auto& [id, score] : bm25) found.insert(id);
     ASSERT_EQ(found, matching) << text;
 
-    std::vector<int64_t> expected(matching.begin(), matching.end());
-    std::sort(expected.begin(), expected.end(), [&](int64_t a, int64_t b) {
-      const double ra = bm25[a] * static_cast<double>(1 + engagement_[a]);
-      const double rb = bm25[b] * static_cast<double>(1 + engagement_[b]);
-      return ra != rb ? ra < rb : a < b;
-    });
-    if (expected.size() > 5) expected.resize(5);
+    size_t titleMatches = 0;
+    for (int64_t id = 1; id <= kItems; ++id)
+      titleMatches += AnyWordStartsWith(item(id).title + " " + item(id).keywords, Fold(text));
+
+    std::vector<int64_t> expected;
+    if (!plan.prefix.empty() && (matching.size() > kLimit || titleMatches > kLimit)) {
+      ASSERT_TRUE(oneWord) << text;
+      expected = BestByStoredScore(Fold(text), 4, {}, 5);
+      ++storedScoreAnswers;
+    } else {
+      // The most recent kLimit matches are the candidates.
+      std::vector<int64_t> candidates(matching.rbegin(), matching.rend());
+      if (candidates.size() > kLimit) candidates.resize(kLimit);
+      (candidates.size() < matching.size() ? truncatedFullText : wholeFullText)++;
+      for (int64_t id : candidates)
+        if (item(id).domain == 4) expected.push_back(id);
+      std::sort(expected.begin(), expected.end(), [&](int64_t a, int64_t b) {
+        const double ra = bm25[a] * static_cast<double>(1 + engagement_[a]);
+        const double rb = bm25[b] * static_cast<double>(1 + engagement_[b]);
+        return ra != rb ? ra < rb : a < b;
+      });
+      if (expected.size() > 5) expected.resize(5);
+    }
     SearchRequest request;
     request.domain = 4;
     request.limit = 5;
     EXPECT_EQ(Ids(index_->search(plan, request)), expected) << text;
     // The one-pass form used for several domains at once agrees.
-    const Index::DomainHits hits = index_->searchFullText(plan, {2, 4}, request);
+    const Index::DomainHits hits = index_->searchDomains(plan, {2, 4}, request);
     EXPECT_EQ(hits.count(4) ? Ids(hits.at(4)) : std::vector<int64_t>{}, expected) << text;
   }
+  EXPECT_GT(storedScoreAnswers, 10);
+  EXPECT_GT(truncatedFullText, 10);
+  EXPECT_GT(wholeFullText, 10);
 }
 
 Item Application(const std::string& identifier, const std::string& title) {
@@ -183,6 +219,29 @@ TEST(IndexTest, ReindexingKeepsIdentityAndEngagementAndRemovesWhatWent) {
   EXPECT_EQ(index.itemCount(), 0);
   EXPECT_TRUE(index.search(PlanQuery("a"), SearchRequest::InDomain(4)).empty());
   EXPECT_FALSE(index.recordEngagement(alpha, 6));
+}
+
+TEST(IndexTest, AnIndexOfTheEarlierLayoutGetsItsPrefixRowsAndKeepsEngagement) {
+  const std::string path = test::TestRoot() + "/old.db";
+  int64_t alpha = 0;
+  {
+    Index index(path, false);
+    index.replaceFile("s", "/f", 1, {Application("a", "Alphabet Soup")});
+    alpha = index.search(PlanQuery("al"), SearchRequest::InDomain(4)).at(0).id;
+    ASSERT_TRUE(index.recordEngagement(alpha, 1));
+    // What the earlier layout had instead of word_prefix.
+    index.database().exec("DROP TABLE word_prefix; CREATE TABLE short_prefix(domain, prefix, score, item); "
+                          "PRAGMA user_version = 0;");
+  }
+  Index index(path, false);
+  for (const char* prefix : {"s", "so", "alpha"}) {
+    const auto hits = index.search(PlanQuery(prefix), SearchRequest::InDomain(4));
+    ASSERT_EQ(hits.size(), 1u) << prefix;
+    EXPECT_EQ(hits[0].engagement, 1);
+  }
+  Statement old = index.database().prepare("SELECT count(*) FROM sqlite_master WHERE name = 'short_prefix'");
+  ASSERT_TRUE(old.step());
+  EXPECT_EQ(old.integer(0), 0);
 }
 
 TEST(IndexTest, ACancelledQueryIsInterrupted) {

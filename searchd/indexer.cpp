@@ -79,7 +79,7 @@ IndexerStats Apply(Index& index, const std::vector<Candidate>& candidates, Known
   IndexerStats stats;
   stats.filesSeen = candidates.size();
 
-  std::optional<Transaction> transaction;
+  std::optional<Index::Batch> transaction;
   size_t pending = 0;
   auto flush = [&] {
     if (transaction) transaction->commit();
@@ -104,14 +104,14 @@ IndexerStats Apply(Index& index, const std::vector<Candidate>& candidates, Known
     } else if (!parsed.warning.empty()) {
       KXLOG(4, "kx-searchd: %s: %s", c.path, parsed.warning);
     }
-    if (!transaction) transaction.emplace(index.database());
+    if (!transaction) transaction.emplace(index);
     index.replaceFile(c.source->name(), c.path, c.stamp, parsed.items);
     stats.items += parsed.items.size();
     if (++pending == kFilesPerTransaction) flush();
   }
   for (const auto& [source, stamps] : known) {
     for (const auto& [path, stamp] : stamps) {
-      if (!transaction) transaction.emplace(index.database());
+      if (!transaction) transaction.emplace(index);
       index.removeFile(path);
       ++stats.filesRemoved;
     }

@@ -115,43 +115,29 @@ bool RunQuery(Index& index, const std::vector<uint32_t>& domainOrder, const Quer
   try {
     if (request.text.find_first_not_of(" \t\n") == std::string::npos)
       return RunZeroKeyword(index, request, sink);
-    Sections pending;
-    bool sentFirst = false;
     // The calculator answers from the text alone: nothing is faster.
-    if (auto calculator = CalculatorSection(request)) {
+    if (auto calculator = CalculatorSection(request))
       if (!sink({calculator})) return false;
-      sentFirst = true;
-    }
     const QueryPlan plan = PlanQuery(request.text);
+    if (plan.empty()) return true;
     SearchRequest search;
     search.limit = request.maxCount;
     search.excludedBundles = request.excludedBundles;
-    if (!plan.shortPrefix && !plan.empty()) {
-      // One pass over the matches serves every domain; the sections keep
-      // the cheapest-first order.
-      std::set<uint32_t> domains;
-      for (uint32_t domain : domainOrder)
-        if (request.wantsDomain(domain)) domains.insert(domain);
-      const Index::DomainHits hits = SharedCache().search(index, plan, domains, search);
-      for (uint32_t domain : domainOrder)
-        if (auto it = hits.find(domain); it != hits.end() && domains.count(domain))
-          pending.push_back(SectionOf(domain, it->second, request.language));
-      return pending.empty() || sink(pending);
-    }
-    // The stored-score rule reads each domain's best rows in rank order and
-    // stops at the limit: the first domain with results goes out at once.
-    for (uint32_t domain : domainOrder) {
-      if (!request.wantsDomain(domain) || plan.empty()) continue;
-      search.domain = domain;
-      const std::vector<IndexedItem> hits = index.search(plan, search);
-      if (!hits.empty()) pending.push_back(SectionOf(domain, hits, request.language));
-      if (!sentFirst && !pending.empty()) {
-        if (!sink(pending)) return false;
-        pending.clear();
-        sentFirst = true;
-      }
-    }
-    return pending.empty() || sink(pending);
+    // Either rule's work is bounded, so one pass serves every domain; the
+    // sections keep the cheapest-first order, the first goes out alone so
+    // that the client can show something while the rest is packed.
+    std::set<uint32_t> domains;
+    for (uint32_t domain : domainOrder)
+      if (request.wantsDomain(domain)) domains.insert(domain);
+    const Index::DomainHits hits = SharedCache().search(index, plan, domains, search);
+    Sections sections;
+    for (uint32_t domain : domainOrder)
+      if (auto it = hits.find(domain); it != hits.end() && domains.count(domain))
+        sections.push_back(SectionOf(domain, it->second, request.language));
+    if (sections.empty()) return true;
+    if (!sink({sections.front()})) return false;
+    sections.erase(sections.begin());
+    return sections.empty() || sink(sections);
   } catch (const SqliteError& e) {
     if (e.interrupted()) return false;
     throw;

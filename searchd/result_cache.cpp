@@ -14,7 +14,7 @@ void BumpIndexGeneration() { gGeneration.fetch_add(1, std::memory_order_acq_rel)
 
 std::string ResultCache::Key(const QueryPlan& plan, const std::set<uint32_t>& domains,
                              const SearchRequest& request) {
-  std::string key = plan.match + '\x1f' + std::to_string(request.limit) + '\x1f';
+  std::string key = plan.prefix + '\x1e' + plan.match + '\x1f' + std::to_string(request.limit) + '\x1f';
   for (uint32_t domain : domains) key += std::to_string(domain) + ',';
   for (const std::string& bundle : request.excludedBundles) key += '\x1f' + bundle;
   return key;
@@ -35,7 +35,7 @@ Index::DomainHits ResultCache::search(Index& index, const QueryPlan& plan,
       return it->second.hits;
     }
   }
-  Index::DomainHits hits = index.searchFullText(plan, domains, request);
+  Index::DomainHits hits = index.searchDomains(plan, domains, request);
   std::lock_guard lock(mu_);
   auto it = entries_.find(key);
   if (it != entries_.end()) {

@@ -1,6 +1,6 @@
-// Remembers the full-text rule's answers. bm25 has to score every match, so
-// a prefix of a word that most items contain costs tens of milliseconds on a
-// large index, while people type the same few prefixes over and over. An
+// Remembers the index's answers. Ranking up to a thousand full-text
+// candidates costs about a millisecond, while people type the same few
+// prefixes over and over. An
 // answer is reused only while the index is unchanged: every committed write
 // moves the process-wide index generation on, and an entry of an older
 // generation is a miss. The answers are therefore exactly what the rule
