@@ -11,6 +11,10 @@ namespace kx::searchd {
 inline constexpr size_t kMailSnippetLength = 200;     // code points of the summary
 inline constexpr size_t kMailSummaryLines = 3;        // body lines the summary is made of
 inline constexpr size_t kMailBodyIndexed = 32 * 1024;  // code points of the body searched
+// Only the start of a message file is read: headers and text come before
+// the attachments that make a mail large. A part cut off is parsed as far
+// as it goes.
+inline constexpr size_t kMailPrefixBytes = 1024 * 1024;
 
 // Parses one message (RFC 5322, MIME) with GMime:
 //  - title: the subject, encoded words decoded; subtitle: the sender's name,

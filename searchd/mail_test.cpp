@@ -3,9 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+
 #include "searchd/html_text.h"
+#include "searchd/indexer.h"
 #include "searchd/mail.h"
 #include "searchd/text.h"
+#include "tests/support/test_environment.h"
 
 namespace kx::searchd {
 namespace {
@@ -104,6 +109,39 @@ TEST(MailTest, MaildirFilesAreThoseInCurAndNew) {
   EXPECT_FALSE(IsMaildirMessage("/home/u/Maildir/cur/.hidden"));
   EXPECT_FALSE(IsMaildirMessage("/home/u/Maildir/dovecot.index"));
   EXPECT_FALSE(IsMaildirMessage("/home/u/Maildir/recur/x"));
+}
+
+TEST(MailTest, EveryMaildirFolderIsIndexedAndLargeMessagesAreReadInPart) {
+  namespace fs = std::filesystem;
+  const std::string root = test::TestRoot() + "/data";
+  fs::create_directories(root);
+  fs::copy(std::string(KX_EXAMPLES_DATA) + "/mail", root + "/mail", fs::copy_options::recursive);
+  fs::create_directories(root + "/mail/tmp");
+  std::ofstream(root + "/mail/tmp/partial") << "Subject: still being delivered\r\n\r\n";
+  // Far above what any other source would read, the text at its start.
+  std::string large = "Subject: Holiday photos\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n"
+                      "--b\r\nContent-Type: text/plain\r\n\r\nThe lighthouse at dusk\r\n--b\r\n"
+                      "Content-Type: image/jpeg\r\nContent-Disposition: attachment; filename=dusk.jpg\r\n"
+                      "Content-Transfer-Encoding: base64\r\n\r\n";
+  while (large.size() < 2 * kMaxSourceFileBytes) large += std::string(76, 'A') + "\r\n";
+  std::ofstream(root + "/mail/cur/large:2,S", std::ios::binary) << large << "--b--\r\n";
+
+  Index index(test::TestRoot() + "/mail.db", false);
+  SourceLocations locations;
+  locations.mail = {root + "/mail"};
+  const IndexerStats stats = Indexer(index, MakeSources(locations)).update();
+  EXPECT_EQ(stats.filesSeen, 13u);     // cur/, new/ and .Sent/cur/; never tmp/
+  EXPECT_EQ(stats.filesSkipped, 1u);  // the one that is not a mail
+  EXPECT_EQ(stats.items, 12u);
+  const auto hits = index.search(PlanQuery("lighthouse dusk"), SearchRequest::InDomain(kDomainMail));
+  ASSERT_EQ(hits.size(), 1u);
+  EXPECT_EQ(hits[0].item.title, "Holiday photos");
+  EXPECT_EQ(index.search(PlanQuery("jpg"), SearchRequest::InDomain(kDomainMail)).size(), 1u);  // attachment name
+  // The date survives the index.
+  const auto dated = index.search(PlanQuery("konferenzprogramm"), SearchRequest::InDomain(kDomainMail));
+  ASSERT_EQ(dated.size(), 1u);
+  ASSERT_TRUE(dated[0].item.date.has_value());
+  EXPECT_DOUBLE_EQ(dated[0].item.date->unixTime(), 1799741700.0);  // 12 January 2027 08:15Z
 }
 
 TEST(HtmlToTextTest, KeepsWhatAReaderSees) {

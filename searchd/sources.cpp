@@ -92,6 +92,7 @@ class MaildirSource : public Source {
   std::string name() const override { return "mail"; }
   std::vector<std::string> directories() const override { return roots_; }
   bool accepts(const std::string& path) const override { return IsMaildirMessage(path); }
+  size_t prefixBytes() const override { return kMailPrefixBytes; }
   ParseResult parse(const std::string& path, std::string_view content) const override {
     return ParseMail(path, content);
   }
@@ -100,14 +101,17 @@ class MaildirSource : public Source {
   std::vector<std::string> roots_;
 };
 
-std::optional<std::string> ReadFile(const std::string& path, std::string* why) {
+std::optional<std::string> ReadFile(const std::string& path, size_t prefixBytes,
+                                    std::string* why) {
   std::ifstream in(path, std::ios::binary);
   if (!in) {
     *why = "cannot open";
     return std::nullopt;
   }
   in.seekg(0, std::ios::end);
-  const std::streamoff size = in.tellg();
+  std::streamoff size = in.tellg();
+  if (prefixBytes > 0 && size > static_cast<std::streamoff>(prefixBytes))
+    size = static_cast<std::streamoff>(prefixBytes);
   if (size < 0 || static_cast<size_t>(size) > kMaxSourceFileBytes) {
     *why = "too large";
     return std::nullopt;
@@ -134,7 +138,7 @@ std::shared_ptr<FileIDIndexer> OpenFileIDIndexer() {
 
 ParseResult Source::load(const std::string& path) const {
   std::string why;
-  std::optional<std::string> content = ReadFile(path, &why);
+  std::optional<std::string> content = ReadFile(path, prefixBytes(), &why);
   return content ? parse(path, *content) : ParseResult::Failure(why);
 }
 

@@ -21,6 +21,11 @@ class Source {
   virtual std::vector<std::string> directories() const = 0;
   // True for files this source reads.
   virtual bool accepts(const std::string& path) const = 0;
+  // When not 0, only the first `prefixBytes()` of a file are read and
+  // parsed, whatever its size; otherwise files above kMaxSourceFileBytes
+  // are refused. For sources whose text comes first and whose bulk (a
+  // mail's attachments) is not searched.
+  virtual size_t prefixBytes() const { return 0; }
   // Parses one file's content.
   virtual ParseResult parse(const std::string& path, std::string_view content) const = 0;
   // Reads and parses one file: by default all of it through parse(),
