@@ -97,7 +97,7 @@ TEST(DocumentSourceTest, DocumentIdentifierSurvivesSafeSaveAndMove) {
   const std::string root = test::TestRoot() + "/docs";
   const std::string path = root + "/plan.txt";
   WriteFile(path, "first draft");
-  DocumentSource source({root}, fileIDs);
+  DocumentSource source({root}, [&] { return fileIDs; });
 
   auto load = [&](const std::string& p) {
     ParseResult r = source.load(p);

@@ -166,7 +166,7 @@ std::vector<std::unique_ptr<Source>> MakeSources(const SourceLocations& location
   sources.push_back(std::make_unique<FileSource>(
       "notes", std::vector<std::string>{".md", ".txt"}, &ParseNote, locations.notes));
   if (!locations.documents.empty())
-    sources.push_back(std::make_unique<DocumentSource>(locations.documents, OpenFileIDIndexer()));
+    sources.push_back(std::make_unique<DocumentSource>(locations.documents, &OpenFileIDIndexer));
   return sources;
 }
 
