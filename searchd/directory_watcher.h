@@ -59,10 +59,6 @@ class DirectoryWatcher {
   // Stops the thread (waiting for a running handler); idempotent.
   void stop();
 
-  // Directories watched now; read it only before start() or from the
-  // handler.
-  size_t watchCount() const { return directories_.size(); }
-
  private:
   using Clock = std::chrono::steady_clock;
 

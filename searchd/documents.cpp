@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <memory>
-#include <mutex>
 
 #include "kx/log.h"
 #include "platform/files/file_id_service.h"
@@ -154,8 +153,15 @@ ParseResult ParseDocument(const std::string& path, std::string_view content) {
   return result;
 }
 
-DocumentSource::DocumentSource(std::vector<std::string> dirs, std::shared_ptr<FileIDIndexer> fileIDs)
-    : dirs_(std::move(dirs)), fileIDs_(std::move(fileIDs)) {}
+DocumentSource::DocumentSource(std::vector<std::string> dirs, FileIDsOpener openFileIDs)
+    : dirs_(std::move(dirs)), openFileIDs_(std::move(openFileIDs)) {}
+
+FileIDIndexer* DocumentSource::fileIDs() const {
+  std::call_once(opened_, [this] {
+    if (openFileIDs_) fileIDs_ = openFileIDs_();
+  });
+  return fileIDs_.get();
+}
 
 bool DocumentSource::accepts(const std::string& path) const {
   for (const std::string& dir : dirs_) {
@@ -192,14 +198,15 @@ ParseResult DocumentSource::load(const std::string& path) const {
   if (!content) return ParseResult::Failure("cannot read");
   if (*content == kPdfMagic && !wholePdf) content->clear();  // too large: by name
   ParseResult result = ParseDocument(path, *content);
-  if (!fileIDs_) return result;
+  FileIDIndexer* fileIDs = this->fileIDs();
+  if (!fileIDs) return result;
 
   // Without an identifier of its own, a file where another was recorded is
   // that file saved safely: it inherits the identifier.
   std::string error;
   const bool hasIdentifier = fgetxattr(fd.get(), kDocumentIDAttribute, nullptr, 0) >= 0;
   const std::optional<uint32_t> documentID =
-      hasIdentifier ? fileIDs_->RecordFile(path, &error) : fileIDs_->RecordSafeSave(path, &error);
+      hasIdentifier ? fileIDs->RecordFile(path, &error) : fileIDs->RecordSafeSave(path, &error);
   struct stat parent;
   if (!documentID || stat(DirName(path).c_str(), &parent) != 0) {
     KXLOG(4, "kx-searchd: no document identifier for %s: %s", path, error);

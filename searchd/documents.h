@@ -25,7 +25,9 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -58,8 +60,12 @@ ParseResult ParseDocument(const std::string& path, std::string_view content);
 
 class DocumentSource : public Source {
  public:
-  // `fileIDs` may be null: documents then carry no file identifiers.
-  DocumentSource(std::vector<std::string> dirs, std::shared_ptr<FileIDIndexer> fileIDs);
+  // Opens the file-identifier index, or yields null: documents then carry
+  // no file identifiers. Called once, for the first document, so that a
+  // daemon without documents creates no index.
+  using FileIDsOpener = std::function<std::shared_ptr<FileIDIndexer>()>;
+
+  DocumentSource(std::vector<std::string> dirs, FileIDsOpener openFileIDs);
 
   std::string name() const override { return "documents"; }
   std::vector<std::string> directories() const override { return dirs_; }
@@ -69,8 +75,12 @@ class DocumentSource : public Source {
   ParseResult load(const std::string& path) const override;
 
  private:
+  FileIDIndexer* fileIDs() const;
+
   std::vector<std::string> dirs_;
-  std::shared_ptr<FileIDIndexer> fileIDs_;
+  FileIDsOpener openFileIDs_;
+  mutable std::once_flag opened_;
+  mutable std::shared_ptr<FileIDIndexer> fileIDs_;  // set once under opened_
 };
 
 }  // namespace kx::searchd

@@ -1,6 +1,6 @@
 // Keeping the index current: the watcher's batches (coalescing, folders that
-// come, go and move, lost events), the indexer's pass over changed paths
-// only, and the two together.
+// come, go and move, lost events) and the indexer's pass over changed paths
+// only. The two together are tested end to end.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <fcntl.h>
@@ -13,7 +13,6 @@
 #include "ipc/dpq_testing.h"
 #include "searchd/directory_watcher.h"
 #include "searchd/indexer.h"
-#include "searchd/live_updates.h"
 #include "tests/support/test_environment.h"
 
 namespace kx::searchd {
@@ -185,17 +184,6 @@ TEST_F(ChangedPathsTest, ReadsOnlyWhatChangedBelowThePaths) {
   fs::remove_all(root_ + "/notes");
   EXPECT_EQ(indexer_->update({root_ + "/notes"}).filesRemoved, 3u);
   EXPECT_EQ(index_->itemCount(), 0);
-}
-
-TEST_F(ChangedPathsTest, LiveUpdatesReadAFileWrittenWhileRunning) {
-  std::mutex writerMutex;
-  test::Inbox<int> indexed;
-  LiveUpdates live(*indexer_, writerMutex, {std::chrono::milliseconds(20), std::chrono::milliseconds(200)});
-  live.start([&] { indexed.add(1); });
-  WriteFile(root_ + "/notes/trip/d.md", "# Damson\npurple");
-  ASSERT_TRUE(indexed.waitFor(1));
-  std::lock_guard lock(writerMutex);
-  EXPECT_EQ(found("damson"), 1u);
 }
 
 }  // namespace

@@ -198,7 +198,7 @@ std::vector<std::unique_ptr<Source>> MakeSources(const SourceLocations& location
       [](const std::string& path, std::string_view content) { return ParseCalendar(path, content, Date::Now()); },
       locations.calendar));
   if (!locations.documents.empty())
-    sources.push_back(std::make_unique<DocumentSource>(locations.documents, OpenFileIDIndexer()));
+    sources.push_back(std::make_unique<DocumentSource>(locations.documents, &OpenFileIDIndexer));
   return sources;
 }
 
