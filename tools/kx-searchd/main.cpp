@@ -1,6 +1,7 @@
 // kx-searchd: the reference search daemon.
 //
 //   kx-searchd [--data-root DIR] [--index DIR] [--service NAME] [--foreground]
+//              [--request-log FILE]
 //
 // Brings its index up to date with the sources (a progress bar on standard
 // error while a first index is built on a terminal), then serves the daemon
@@ -10,6 +11,7 @@
 // is ready. SIGTERM and SIGINT stop it after the running queries have sent
 // their last batch.
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -39,12 +41,14 @@ constexpr const char* kUsage =
     "  --index DIR       keep the index in DIR (default $XDG_CACHE_HOME/kxsearch)\n"
     "  --service NAME    serve NAME (default com.orvex.searchd)\n"
     "  --foreground      stay attached to the terminal when started by hand\n"
+    "  --request-log FILE  append a line per query request to FILE (tests)\n"
     "  --help            show this help\n";
 
 struct Options {
   std::string dataRoot;
   std::string indexDir;
   std::string service = "com.orvex.searchd";
+  std::string requestLog;
   bool foreground = false;
 };
 
@@ -63,6 +67,8 @@ std::optional<Options> Parse(int argc, char** argv, bool* help) {
       options.indexDir = argv[++i];
     } else if (arg == "--service" && hasValue) {
       options.service = argv[++i];
+    } else if (arg == "--request-log" && hasValue) {
+      options.requestLog = argv[++i];
     } else {
       std::fprintf(stderr, "kx-searchd: unknown or incomplete option %s\n", arg.c_str());
       return std::nullopt;
@@ -83,6 +89,16 @@ void DrawProgress(size_t done, size_t total) {
   std::fprintf(stderr, "\rindexing [%.*s%*s] %zu/%zu", filled,
                "########################################", kWidth - filled, "", done, total);
   if (done == total) std::fputc('\n', stderr);
+}
+
+// Every message waiting for a slow client may hold a shared-memory
+// descriptor; the soft limit of 1,024 would let a few such clients starve
+// the daemon of descriptors long before the message layer gives up on them.
+void RaiseDescriptorLimit() {
+  rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 bool SocketActivated() {
@@ -125,6 +141,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   signal(SIGPIPE, SIG_IGN);
+  RaiseDescriptorLimit();
   // Blocked in every thread; one thread waits for them.
   sigset_t stopSignals;
   sigemptyset(&stopSignals);
@@ -157,6 +174,7 @@ int main(int argc, char** argv) {
     ServerOptions serverOptions;
     serverOptions.serviceName = options->service;
     serverOptions.indexPath = indexPath;
+    serverOptions.requestLogPath = options->requestLog;
     SearchServer server(serverOptions, writer, writerMutex);
     // Cheapest domains first: their results make the first batch.
     std::vector<std::pair<int64_t, uint32_t>> bySize;
