@@ -1,13 +1,10 @@
 #include "tests/crash_soak/answers.h"
 
-#include <condition_variable>
-#include <mutex>
-
 #include "kx/KXDaemonConnection.h"
 #include "kx/KXDaemonQueryToken.h"
 #include "kx/KXSearchQuery.h"
-#include "kx/KXSearchResultDeserializer.h"
 #include "kx/queue.h"
+#include "searchd/searchd_testing.h"
 
 namespace kx::soak {
 namespace {
@@ -15,53 +12,18 @@ namespace {
 // The agent asks for this many results per domain.
 constexpr int64_t kAgentMaxCount = 13;
 
-void Append(Answer& answer, const KXSearchResultSection& section) {
-  std::vector<std::string>& entries = answer[section.domain()];
-  for (const auto& result : section.results())
+void Append(Answer& answer, uint32_t domain, const std::vector<std::shared_ptr<KXSearchResult>>& results) {
+  std::vector<std::string>& entries = answer[domain];
+  for (const auto& result : results)
     entries.push_back(result->title().value_or("") + " #" + std::to_string(result->identifier()));
 }
-
-class Collector : public KXDaemonQueryDelegate {
- public:
-  void searchDaemonQueryReset(const std::shared_ptr<KXDaemonQueryToken>&) override {
-    std::lock_guard lock(mu_);
-    answer_.clear();
-  }
-  void searchDaemonQuery(const std::shared_ptr<KXDaemonQueryToken>&,
-                         const std::shared_ptr<KXSearchResultDeserializer>& results) override {
-    std::lock_guard lock(mu_);
-    for (;;) {
-      KXSearchResultSection section;
-      if (!results->deserializeNextSection(&section)) break;
-      Append(answer_, section);
-    }
-  }
-  void searchDaemonQueryCompleted(const std::shared_ptr<KXDaemonQueryToken>&) override {
-    std::lock_guard lock(mu_);
-    complete_ = true;
-    cv_.notify_all();
-  }
-  void searchDaemonQuery(const std::shared_ptr<KXDaemonQueryToken>&, const Error&) override {}
-
-  std::optional<Answer> wait(std::chrono::milliseconds timeout) {
-    std::unique_lock lock(mu_);
-    if (!cv_.wait_for(lock, timeout, [&] { return complete_; })) return std::nullopt;
-    return answer_;
-  }
-
- private:
-  std::mutex mu_;
-  std::condition_variable cv_;
-  Answer answer_;
-  bool complete_ = false;
-};
 
 }  // namespace
 
 Answer AnswerOf(const std::vector<std::shared_ptr<KXSearchResultSection>>& sections) {
   Answer answer;
   for (const auto& section : sections)
-    if (section) Append(answer, *section);
+    if (section) Append(answer, section->domain(), section->results());
   return answer;
 }
 
@@ -91,7 +53,7 @@ std::optional<Answer> FreshAnswer(const std::string& service, const std::string&
                                   std::chrono::milliseconds timeout) {
   auto connection = KXDaemonConnection::initWithDaemonName(service);
   auto queue = Queue::Create("soak.fresh-answer");
-  auto collector = std::make_shared<Collector>();
+  auto collector = std::make_shared<test::CollectingDelegate>();
   auto query = KXSearchQuery::initWithSearchString(text, std::nullopt, std::nullopt, domains,
                                                    std::vector<std::string>{});
   query->setMaxCount(kAgentMaxCount);
@@ -101,9 +63,12 @@ std::optional<Answer> FreshAnswer(const std::string& service, const std::string&
     token = connection->startQuery(query, Value(), false, queue);
     token->setDelegate(collector);
   });
-  std::optional<Answer> answer = collector->wait(timeout);
+  const bool complete = collector->events.waitFor(1, timeout);
   connection->cancelQuery(token);
   queue->sync([] {});
+  if (!complete) return std::nullopt;
+  Answer answer;
+  for (const test::SeenSection& section : collector->sections()) Append(answer, section.domain, section.results);
   return answer;
 }
 
