@@ -257,6 +257,8 @@ class Soak {
   }
 
   void checkCounts() {
+    const std::string faults = daemon_.faults();
+    Require(faults.empty(), "the daemon failed on its own:\n" + faults);
     const ProcessCounts client = WaitWithin(clientBaseline_, [] { return ReadProcessCounts(); });
     Require(client.within(clientBaseline_), "the client holds " + client.describe() + ", after the warm-up " +
                                                 clientBaseline_.describe());

@@ -31,13 +31,16 @@ std::string Tool(const std::string& buildDir, const std::string& name) {
 
 SoakDaemon::SoakDaemon(const std::string& buildDir, const std::string& dataDir,
                        const std::string& workDir, const std::string& service)
-    : dataDir_(workDir + "/data"), traceFile_(workDir + "/requests.trace") {
+    : dataDir_(workDir + "/data"), traceFile_(workDir + "/requests.trace"), errorFile_(workDir + "/launcher.err") {
   namespace fs = std::filesystem;
   // A copy: the daemon's index stamps and any change it made stay private.
   fs::copy(dataDir, dataDir_, fs::copy_options::recursive);
+  // Through a shell only to send standard error (the launcher's and every
+  // daemon's) to a file; `exec` keeps the launcher's pid the child's.
   launcher_ = ChildProcess::Spawn(
-      Tool(buildDir, "kx-launch"),
-      {"--name", service, "--max-pause", kRestartPauseMs, "--", Tool(buildDir, "kx-searchd"),
+      "/bin/sh",
+      {"-c", "err=$1; shift; exec \"$@\" 2>>\"$err\"", "sh", errorFile_, Tool(buildDir, "kx-launch"),
+       "--name", service, "--max-pause", kRestartPauseMs, "--", Tool(buildDir, "kx-searchd"),
        "--service", service, "--data-root", dataDir_, "--index", workDir + "/index",
        "--request-log", traceFile_});
   if (!launcher_) throw std::runtime_error("kx-launch cannot be started");
@@ -84,6 +87,19 @@ size_t SoakDaemon::openCount(uint32_t queryID) const {
     if (fields >> pid >> request >> id && request == "OpenQuery" && id == queryID) ++count;
   }
   return count;
+}
+
+std::string SoakDaemon::faults() const {
+  std::ifstream errors(errorFile_);
+  std::string found;
+  for (std::string line; std::getline(errors, line);) {
+    const bool ownKill = line.find("ended by signal 9") != std::string::npos;
+    const bool ended = line.find("exited with status") != std::string::npos ||
+                       (line.find("ended by signal") != std::string::npos && !ownKill);
+    if (ended || line.find("Sanitizer") != std::string::npos || line.find("runtime error") != std::string::npos)
+      found += line + "\n";
+  }
+  return found;
 }
 
 SoakDaemon::TraceSummary SoakDaemon::summarizeTrace() const {

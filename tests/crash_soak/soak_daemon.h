@@ -45,11 +45,17 @@ class SoakDaemon {
   // Waits until openCount(queryID) >= count; false after `timeout`.
   bool waitForOpenCount(uint32_t queryID, size_t count, std::chrono::milliseconds timeout) const;
 
+  // Lines of the launcher's and the daemons' standard error that tell of a
+  // daemon ending other than by our SIGKILL (an exit status, another
+  // signal) or of a sanitizer report; empty when there were none.
+  std::string faults() const;
+
   const std::string& dataDir() const { return dataDir_; }
 
  private:
   std::string dataDir_;
   std::string traceFile_;
+  std::string errorFile_;
   std::optional<ChildProcess> launcher_;
 };
 
