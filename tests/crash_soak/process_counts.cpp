@@ -2,6 +2,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
 
 namespace kx::soak {
 namespace {
@@ -13,18 +16,25 @@ size_t Entries(const std::string& directory) {
   return n;
 }
 
-size_t Lines(const std::string& file) {
+// Counts the lines of a maps file with and without a path ("[heap]",
+// "[stack]" and the like count as anonymous).
+void CountMappings(const std::string& file, ProcessCounts& counts) {
   std::ifstream in(file);
-  size_t n = 0;
-  for (std::string line; std::getline(in, line);) ++n;
-  return n;
+  for (std::string line; std::getline(in, line);) {
+    const size_t path = line.find('/');
+    if (path != std::string::npos) {
+      ++counts.fileMappings;
+    } else {
+      ++counts.anonymousMappings;
+    }
+  }
 }
 
 }  // namespace
 
 std::string ProcessCounts::describe() const {
-  return std::to_string(descriptors) + " descriptors, " + std::to_string(mappings) + " mappings, " +
-         std::to_string(threads) + " threads";
+  return std::to_string(descriptors) + " descriptors, " + std::to_string(fileMappings) + " file and " +
+         std::to_string(anonymousMappings) + " anonymous mappings, " + std::to_string(threads) + " threads";
 }
 
 ProcessCounts ReadProcessCounts(pid_t pid) {
@@ -33,7 +43,7 @@ ProcessCounts ReadProcessCounts(pid_t pid) {
   // Reading our own fd/ holds one descriptor of the reader's.
   const size_t fds = Entries(proc + "/fd");
   counts.descriptors = pid > 0 || fds == 0 ? fds : fds - 1;
-  counts.mappings = Lines(proc + "/maps");
+  CountMappings(proc + "/maps", counts);
   counts.threads = Entries(proc + "/task");
   return counts;
 }
@@ -48,6 +58,21 @@ std::string DescriptorTargets(pid_t pid) {
              std::filesystem::read_symlink(it->path(), ignored).string() + "\n";
   }
   return lines;
+}
+
+std::string Mappings(pid_t pid) {
+  std::ifstream in("/proc/" + (pid > 0 ? std::to_string(pid) : std::string("self")) + "/maps");
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+std::string NewLines(const std::string& before, const std::string& now) {
+  std::set<std::string> old;
+  std::istringstream b(before), n(now);
+  for (std::string line; std::getline(b, line);) old.insert(line);
+  std::string added;
+  for (std::string line; std::getline(n, line);)
+    if (!old.count(line)) added += "  " + line + "\n";
+  return added;
 }
 
 }  // namespace kx::soak
