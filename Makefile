@@ -3,7 +3,7 @@
 FUZZ_SECONDS ?= 60
 JOBS ?= 2
 
-.PHONY: all bootstrap build test test-asan test-tsan bench fuzz clean demo
+.PHONY: all bootstrap build test test-asan test-tsan bench fuzz clean demo soak
 
 all: build
 
@@ -34,6 +34,15 @@ demo: bootstrap
 	@cmake --build --preset default -j $(JOBS) --target kx-search kx-searchd kx-launch \
 	  $(if $(WINDOW),kx-search-window)
 	@WINDOW=$(WINDOW) ./scripts/demo.sh build/default
+
+# The daemon crash soak at full length (`make test` runs 50 iterations);
+# SOAK_SEED replays a failed run.
+SOAK_ITERATIONS ?= 1000
+soak: bootstrap
+	@cmake --preset default >/dev/null
+	@cmake --build --preset default -j $(JOBS) --target crash_soak kx-searchd kx-launch
+	@KX_RESOURCE_DIR=build/default/resources ./build/default/crash_soak --iterations $(SOAK_ITERATIONS) \
+	  $(if $(SOAK_SEED),--seed $(SOAK_SEED))
 
 bench: build
 	@./scripts/run-benchmarks.sh build/default

@@ -2,16 +2,30 @@
 
 #include <time.h>
 
+#include <unicode/unistr.h>
+
 #include "model/query_id_counter.h"
 #include "kx/exception.h"
 #include "kx/log.h"
 #include "kx/search_domains.h"
+#include "platform/message/message_codec.h"
 
 namespace {
 
 // Constant-initialised and trivially destructible: usable from any static
 // constructor or destructor.
 constinit kx::QueryIDCounter gQueryIDs;
+
+// The daemon connection carries only valid UTF-8: a text that is not could
+// never be sent, and its query would wait for an answer for ever. Such a
+// text is searched with each malformed sequence read as U+FFFD.
+std::string ValidUtf8(std::string text) {
+  if (kx::IsValidUtf8(reinterpret_cast<const uint8_t*>(text.data()), text.size())) return text;
+  KXLOG(3, "Search string is not valid UTF-8; malformed bytes replaced by U+FFFD");
+  std::string repaired;
+  icu::UnicodeString::fromUTF8(text).toUTF8String(repaired);
+  return repaired;
+}
 
 uint64_t MonotonicNanoseconds() {
   timespec now;
@@ -30,7 +44,7 @@ std::shared_ptr<KXSearchQuery> KXSearchQuery::initWithSearchString(
     throw kx::InternalInconsistencyException(
         "search domain count cannot exceed the total number of search domains");
   DomainList domains = searchDomains ? std::move(*searchDomains) : KXAllDomainsVector();
-  return std::make_shared<KXSearchQuery>(PrivateTag{}, std::move(searchString),
+  return std::make_shared<KXSearchQuery>(PrivateTag{}, ValidUtf8(std::move(searchString)),
                                          std::move(keyboardLanguage),
                                          std::move(keyboardPrimaryLanguage), std::move(domains),
                                          std::move(disabledBundles));

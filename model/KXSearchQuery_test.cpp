@@ -38,6 +38,13 @@ TEST(KXSearchQueryTest, DomainCountIsBoundedByTheNumberOfDomains) {
   }
 }
 
+TEST(KXSearchQueryTest, MalformedUtf8IsReadAsReplacementCharacters) {
+  // Such a text could not travel to the daemon; valid text is kept as is.
+  EXPECT_EQ(KXSearchQuery::initWithSearchString(std::string("Kwa\xC3me \xFF"))->searchString(),
+            "Kwa\uFFFDme \uFFFD");
+  EXPECT_EQ(KXSearchQuery::initWithSearchString("Émile 東京")->searchString(), "Émile 東京");
+}
+
 TEST(KXSearchQueryTest, AbsentDomainsMeanEveryUserVisibleDomain) {
   setenv("KX_DEVICE_KIND", "handset", 1);
   auto query = KXSearchQuery::initWithSearchString("x");

@@ -1,5 +1,7 @@
 #include "searchd/server.h"
 
+#include <cstdint>
+#include <iterator>
 #include <random>
 #include <thread>
 
@@ -18,6 +20,7 @@ namespace {
 constexpr const char* kFirstTimeText = "Search applications, settings, contacts and notes on this computer";
 // "SearchError" codes.
 constexpr uint32_t kErrorIndex = 1;
+constexpr uint32_t kErrorRefused = 2;
 
 std::string NewSession() {
   std::random_device random;
@@ -49,6 +52,7 @@ SearchServer::SearchServer(ServerOptions options, Index& writer, std::mutex& wri
       writer_(writer),
       writerMutex_(writerMutex),
       feedbackLog_(options_.feedbackPath.empty() ? DefaultFeedbackLogPath() : options_.feedbackPath),
+      requestLog_(options_.requestLogPath),
       workers_(std::make_unique<WorkerPool>(options_.indexPath, options_.workers)),
       lookup_(std::make_unique<Index>(options_.indexPath, /*readOnly=*/true)),
       session_(NewSession()) {}
@@ -136,18 +140,16 @@ void SearchServer::openQuery(const Peer& peer, const Message& message) {
     KXLOG(4, "kx-searchd: OpenQuery without a query id dropped");
     return;
   }
-  auto query = std::make_shared<RunningQuery>();
-  {
-    std::lock_guard lock(mu_);
-    // A query id that is still running is a re-send: the old run stops.
-    auto [it, inserted] = running_.try_emplace(QueryKey(peer.get(), request->queryID), query);
-    if (!inserted) {
-      std::lock_guard sendLock(it->second->sendMu);
-      it->second->cancelled = true;
-      it->second = query;
-    }
-  }
   const uint32_t qid = request->queryID;
+  requestLog_.record("OpenQuery", qid);
+  auto query = std::make_shared<RunningQuery>();
+  if (request->refusal.empty() && !fileQuery(peer, qid, query))
+    request->refusal = Format("more than %zu open queries", kMaxOpenQueriesPerClient);
+  if (!request->refusal.empty()) {
+    KXLOG(4, "kx-searchd: OpenQuery %u refused: %s", qid, request->refusal);
+    Send(peer, "SearchError", {{"QID", Number::UInt32(qid)}, {"ERR", Number::UInt32(kErrorRefused)}});
+    return;
+  }
   const bool accepted = workers_->submit(
       [this, peer, query, request = std::move(*request)](Index& index) mutable {
         runQuery(index, peer, std::move(request), query);
@@ -155,10 +157,30 @@ void SearchServer::openQuery(const Peer& peer, const Message& message) {
   if (!accepted) finished(peer, qid, query);
 }
 
+bool SearchServer::fileQuery(const Peer& peer, uint32_t qid, const std::shared_ptr<RunningQuery>& query) {
+  std::lock_guard lock(mu_);
+  const QueryKey key(peer.get(), qid);
+  auto it = running_.find(key);
+  if (it != running_.end()) {
+    // A query id that is still running is a re-send: the old run stops.
+    std::lock_guard sendLock(it->second->sendMu);
+    it->second->cancelled = true;
+    it->second = query;
+    return true;
+  }
+  // The map is ordered by peer first: the client's queries are one range.
+  const auto first = running_.lower_bound(QueryKey(peer.get(), 0));
+  const auto last = running_.upper_bound(QueryKey(peer.get(), UINT32_MAX));
+  if (static_cast<size_t>(std::distance(first, last)) >= kMaxOpenQueriesPerClient) return false;
+  running_.emplace(key, query);
+  return true;
+}
+
 void SearchServer::closeQuery(const Peer& peer, const Message& message) {
   if (message->needsReply()) message->sendReply();
   const Number* qid = message->info()["QID"].number();
   if (!qid) return;
+  requestLog_.record("CloseQuery", qid->uint32Value());
   std::shared_ptr<RunningQuery> query;
   {
     std::lock_guard lock(mu_);

@@ -24,6 +24,12 @@
 //   "SendFeedback"              see feedback_log.h; no reply
 // Unknown names are logged at level 4 and get an empty reply when one is
 // awaited.
+//
+// Bounds per client: a request beyond the limits of query_request.h, or an
+// "OpenQuery" while kMaxOpenQueriesPerClient of the client's queries are
+// still queued or running, is refused with "SearchError" (ERR 2) and a log
+// line; it never reaches a worker. What waits to be sent to a client that
+// does not read is bounded by the message connection, which closes it.
 #pragma once
 
 #include <atomic>
@@ -38,6 +44,7 @@
 #include "searchd/feedback_log.h"
 #include "searchd/index.h"
 #include "searchd/query_request.h"
+#include "searchd/request_log.h"
 #include "searchd/worker_pool.h"
 
 namespace kx::searchd {
@@ -50,7 +57,13 @@ struct ServerOptions {
   // A pause before every batch after the first; lets tests cancel a query
   // while it still has batches to send.
   std::chrono::milliseconds batchPause{0};
+  // Where to trace query requests (see request_log.h); empty for none.
+  std::string requestLogPath;
 };
+
+// Queries of one client that may be queued or running at once. The agent
+// keeps one open; a re-sent query replaces its earlier run.
+inline constexpr size_t kMaxOpenQueriesPerClient = 32;
 
 class SearchServer {
  public:
@@ -67,8 +80,11 @@ class SearchServer {
   // its last batch.
   void drain();
 
-  // Queries running now (for tests).
+  // Queries queued or running now (for tests).
   size_t runningQueryCount();
+  // The listener whose handlers serve the requests; null before `start`.
+  // Tests and fuzz targets call its handlers directly.
+  const std::shared_ptr<KXDPQServer>& listener() const { return listener_; }
 
  private:
   struct RunningQuery;
@@ -82,6 +98,8 @@ class SearchServer {
   void runQuery(Index& index, const Peer& peer, QueryRequest request,
                 const std::shared_ptr<RunningQuery>& query);
   void finished(const Peer& peer, uint32_t qid, const std::shared_ptr<RunningQuery>& query);
+  // Files `query`; false (nothing filed) when the client is at its bound.
+  bool fileQuery(const Peer& peer, uint32_t qid, const std::shared_ptr<RunningQuery>& query);
   void handleFeedback(const Message& message);
   Value cardData(const Value& info);
   Value resultImage(const Value& info);
@@ -91,6 +109,7 @@ class SearchServer {
   Index& writer_;
   std::mutex& writerMutex_;
   FeedbackLog feedbackLog_;
+  RequestLog requestLog_;
   std::unique_ptr<WorkerPool> workers_;
   std::shared_ptr<KXDPQServer> listener_;
   // A reader for the small requests, used under lookupMutex_.

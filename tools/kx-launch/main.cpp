@@ -1,14 +1,15 @@
 // kx-launch: keeps a service's listening socket and runs its daemon on
 // demand.
 //
-//   kx-launch --name <service> -- <daemon> [args...]
+//   kx-launch --name <service> [--max-pause MS] -- <daemon> [args...]
 //
 // Creates the service's socket in the service directory and waits for the
 // first client. It then starts the daemon with the listening socket as
 // descriptor 3 and LISTEN_FDS=1, LISTEN_PID=<daemon pid>,
 // LISTEN_FDNAMES=<service>: the protocol of systemd socket activation. When
 // the daemon exits, the next waiting client starts it again, after a pause
-// that grows while the daemon keeps dying young. The socket outlives every
+// that grows while the daemon keeps dying young, up to --max-pause (default
+// 5000 ms; crash tests that kill the daemon on purpose keep it short). The socket outlives every
 // daemon, so clients that connect in between wait in the listen backlog
 // instead of failing. SIGTERM and SIGINT are passed on to the daemon; the
 // launcher waits for it, removes the socket file and exits with status 0.
@@ -26,6 +27,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -52,6 +54,7 @@ constexpr milliseconds kStopGrace{10000};
 struct Options {
   std::string name;
   std::vector<std::string> command;
+  milliseconds maxPause = kMaximumBackoff;
 };
 
 std::optional<Options> Parse(int argc, char** argv) {
@@ -65,6 +68,11 @@ std::optional<Options> Parse(int argc, char** argv) {
     }
     if (arg == "--name" && i + 1 < argc) {
       options.name = argv[++i];
+    } else if (arg == "--max-pause" && i + 1 < argc) {
+      char* end = nullptr;
+      const long ms = std::strtol(argv[++i], &end, 10);
+      if (*end != '\0' || ms < 0) return std::nullopt;
+      options.maxPause = milliseconds(ms);
     } else {
       return std::nullopt;
     }
@@ -157,7 +165,7 @@ class Launcher {
       if (pid != child_) continue;
       child_ = -1;
       const auto ran = Clock::now() - startedAt_;
-      backoff_ = ran >= kHealthyRun ? kInitialBackoff : std::min(backoff_ * 2, kMaximumBackoff);
+      backoff_ = std::min(ran >= kHealthyRun ? kInitialBackoff : backoff_ * 2, options_.maxPause);
       holdUntil_ = Clock::now() + backoff_;
       if (WIFSIGNALED(status))
         Say("%s ended by signal %s", options_.command[0], std::to_string(WTERMSIG(status)));
@@ -218,7 +226,7 @@ class Launcher {
 int main(int argc, char** argv) {
   std::optional<Options> options = Parse(argc, argv);
   if (!options) {
-    std::fprintf(stderr, "usage: kx-launch --name <service> -- <daemon> [args...]\n");
+    std::fprintf(stderr, "usage: kx-launch --name <service> [--max-pause MS] -- <daemon> [args...]\n");
     return 2;
   }
   sigset_t handled;

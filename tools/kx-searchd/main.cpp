@@ -1,6 +1,7 @@
 // kx-searchd: the reference search daemon.
 //
 //   kx-searchd [--data-root DIR] [--index DIR] [--service NAME] [--foreground]
+//              [--request-log FILE]
 //
 // Brings its index up to date with the sources (a progress bar on standard
 // error while a first index is built on a terminal), then serves the daemon
@@ -10,6 +11,7 @@
 // is ready. SIGTERM and SIGINT stop it after the running queries have sent
 // their last batch.
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -40,12 +42,14 @@ constexpr const char* kUsage =
     "  --index DIR       keep the index in DIR (default $XDG_CACHE_HOME/kxsearch)\n"
     "  --service NAME    serve NAME (default com.orvex.searchd)\n"
     "  --foreground      stay attached to the terminal when started by hand\n"
+    "  --request-log FILE  append a line per query request to FILE (tests)\n"
     "  --help            show this help\n";
 
 struct Options {
   std::string dataRoot;
   std::string indexDir;
   std::string service = "com.orvex.searchd";
+  std::string requestLog;
   bool foreground = false;
 };
 
@@ -64,6 +68,8 @@ std::optional<Options> Parse(int argc, char** argv, bool* help) {
       options.indexDir = argv[++i];
     } else if (arg == "--service" && hasValue) {
       options.service = argv[++i];
+    } else if (arg == "--request-log" && hasValue) {
+      options.requestLog = argv[++i];
     } else {
       std::fprintf(stderr, "kx-searchd: unknown or incomplete option %s\n", arg.c_str());
       return std::nullopt;
@@ -94,6 +100,16 @@ std::vector<uint32_t> DomainOrder(kx::searchd::Index& index) {
   std::vector<uint32_t> order;
   for (const auto& [count, domain] : bySize) order.push_back(domain);
   return order;
+}
+
+// Every message waiting for a slow client may hold a shared-memory
+// descriptor; the soft limit of 1,024 would let a few such clients starve
+// the daemon of descriptors long before the message layer gives up on them.
+void RaiseDescriptorLimit() {
+  rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 bool SocketActivated() {
@@ -136,6 +152,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   signal(SIGPIPE, SIG_IGN);
+  RaiseDescriptorLimit();
   // Blocked in every thread; one thread waits for them.
   sigset_t stopSignals;
   sigemptyset(&stopSignals);
@@ -171,6 +188,7 @@ int main(int argc, char** argv) {
     ServerOptions serverOptions;
     serverOptions.serviceName = options->service;
     serverOptions.indexPath = indexPath;
+    serverOptions.requestLogPath = options->requestLog;
     SearchServer server(serverOptions, writer, writerMutex);
     server.setDomainOrder(DomainOrder(writer));
     std::thread preload(PreloadCalculator);
