@@ -37,7 +37,8 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: kx-searchd [options]\n"
-    "  --data-root DIR   read applications/, contacts/, notes/ and documents/ under DIR\n"
+    "  --data-root DIR   read applications/, contacts/, notes/, mail/ (Maildir\n"
+    "                    folders), calendar/ (.ics) and documents/ under DIR\n"
     "                    (icons from DIR/icons first) instead of the user's data\n"
     "  --index DIR       keep the index in DIR (default $XDG_CACHE_HOME/kxsearch)\n"
     "  --service NAME    serve NAME (default com.orvex.searchd)\n"
