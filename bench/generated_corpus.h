@@ -6,11 +6,10 @@
 // accented letter. Item i has the identifier "g<i>".
 #pragma once
 
-#include <algorithm>
 #include <random>
 #include <string>
-#include <vector>
 
+#include "bench/zipf_words.h"
 #include "searchd/item.h"
 
 namespace kx::bench {
@@ -19,30 +18,10 @@ using kx::searchd::Item;
 
 class Corpus {
  public:
-  Corpus() : random_(20261123) {
-    const char* letters = "abcdefghijklmnoprstuvwyz";
-    const std::vector<std::string> accented = {"é", "ö", "ñ", "å", "č"};
-    for (int i = 0; i < 20000; ++i) {
-      std::string word;
-      const int length = 3 + static_cast<int>(random_() % 8);
-      for (int n = 0; n < length; ++n) word += letters[random_() % 24];
-      if (i % 5 == 0) word += accented[random_() % accented.size()];
-      vocabulary_.push_back(word);
-    }
-    // Zipf weights 1/rank.
-    double total = 0;
-    for (size_t r = 1; r <= vocabulary_.size(); ++r) cumulative_.push_back(total += 1.0 / static_cast<double>(r));
-  }
+  Corpus() : random_(20261123), words_(20000, random_) {}
 
-  const std::string& word() {
-    const double x = std::uniform_real_distribution<double>(0, cumulative_.back())(random_);
-    return vocabulary_[std::lower_bound(cumulative_.begin(), cumulative_.end(), x) - cumulative_.begin()];
-  }
-  std::string words(int min, int max) {
-    std::string text;
-    for (int n = min + static_cast<int>(random_() % (max - min + 1)); n > 0; --n) text += (text.empty() ? "" : " ") + word();
-    return text;
-  }
+  const std::string& word() { return words_.word(); }
+  std::string words(int min, int max) { return words_.words(min, max); }
   Item item(int i) {
     Item item;
     const int bucket = static_cast<int>(random_() % 100);
@@ -57,9 +36,8 @@ class Corpus {
   }
 
  private:
-  std::mt19937 random_;
-  std::vector<std::string> vocabulary_;
-  std::vector<double> cumulative_;
+  std::mt19937 random_;  // declared before words_, which draws from it
+  ZipfWords words_;
 };
 
 }  // namespace kx::bench

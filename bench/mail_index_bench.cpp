@@ -5,7 +5,7 @@
 //   mail_index_bench [messages ...]        (default 10000)
 //
 // Corpus (generated, seeded): messages of 40 to 400 words drawn Zipf-like
-// from 5,000 generated words; 55% text/plain, 20% multipart/alternative
+// from 5,000 generated words (zipf_words.h); 55% text/plain, 20% multipart/alternative
 // (plain and HTML), 10% HTML only, 15% multipart/mixed with a base64
 // attachment of 8 to 64 KiB; 30% of subjects and sender names as RFC 2047
 // encoded words (UTF-8 base64); 2 to 6 recipients. Spread over cur/ and new/
@@ -37,6 +37,7 @@
 #include "searchd/indexer.h"
 #include "searchd/mail.h"
 #include "searchd/sources.h"
+#include "bench/zipf_words.h"
 
 namespace {
 
@@ -52,17 +53,7 @@ std::string Base64(const std::string& in) {
 
 class MailCorpus {
  public:
-  MailCorpus() : random_(20261123) {
-    const char* letters = "abcdefghijklmnoprstuvwyz";
-    for (int i = 0; i < 5000; ++i) {
-      std::string word;
-      for (int n = 3 + static_cast<int>(random_() % 8); n > 0; --n) word += letters[random_() % 24];
-      if (i % 7 == 0) word += "ö";
-      vocabulary_.push_back(word);
-    }
-    double total = 0;
-    for (size_t r = 1; r <= vocabulary_.size(); ++r) cumulative_.push_back(total += 1.0 / static_cast<double>(r));
-  }
+  MailCorpus() : random_(20261123), words_(5000, random_) {}
 
   struct Message {
     std::string subject, body, file;
@@ -104,18 +95,10 @@ class MailCorpus {
   }
 
  private:
-  const std::string& word() {
-    const double x = std::uniform_real_distribution<double>(0, cumulative_.back())(random_);
-    return vocabulary_[std::lower_bound(cumulative_.begin(), cumulative_.end(), x) - cumulative_.begin()];
-  }
-  std::string words(int min, int max) {
-    std::string text;
-    for (int n = min + static_cast<int>(random_() % (max - min + 1)); n > 0; --n) text += (text.empty() ? "" : " ") + word();
-    return text;
-  }
+  const std::string& word() { return words_.word(); }
+  std::string words(int min, int max) { return words_.words(min, max); }
   std::mt19937 random_;
-  std::vector<std::string> vocabulary_;
-  std::vector<double> cumulative_;
+  kx::bench::ZipfWords words_;
 };
 
 struct Timing {

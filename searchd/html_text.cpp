@@ -1,5 +1,7 @@
 #include "searchd/html_text.h"
 
+#include <unicode/utf8.h>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -35,23 +37,14 @@ bool IsBlock(const std::string& name) {
   return std::find(kBlocks.begin(), kBlocks.end(), name) != kBlocks.end();
 }
 
-void AppendUtf8(std::string& out, uint32_t cp) {
-  if (cp == 0 || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) cp = 0xFFFD;
-  if (cp < 0x80) {
-    out += static_cast<char>(cp);
-  } else if (cp < 0x800) {
-    out += static_cast<char>(0xC0 | (cp >> 6));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else if (cp < 0x10000) {
-    out += static_cast<char>(0xE0 | (cp >> 12));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (cp >> 18));
-    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  }
+// Appends `cp`, or U+FFFD for what is not a character (NUL, a surrogate,
+// beyond U+10FFFF), as a browser does.
+void AppendCodePoint(std::string& out, uint32_t cp) {
+  if (cp == 0 || cp > 0x10FFFF || U_IS_SURROGATE(cp)) cp = 0xFFFD;
+  char bytes[U8_MAX_LENGTH];
+  int32_t length = 0;
+  U8_APPEND_UNSAFE(bytes, length, cp);
+  out.append(bytes, static_cast<size_t>(length));
 }
 
 // The code point a character reference's name stands for, 0 when unknown:
@@ -137,7 +130,7 @@ size_t DecodeReference(std::string_view html, size_t at, TextBuilder& out) {
     out.space();
   } else if (cp != 0xAD) {  // a soft hyphen is invisible
     std::string utf8;
-    AppendUtf8(utf8, cp);
+    AppendCodePoint(utf8, cp);
     out.text(utf8);
   }
   return semicolon - at + 1;

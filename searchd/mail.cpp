@@ -2,7 +2,6 @@
 
 #include <gmime/gmime.h>
 
-#include <cctype>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -119,19 +118,9 @@ std::string SummaryOf(std::string_view body) {
   return Snippet(lines, kMailSnippetLength);
 }
 
+// RFC 2392: the Message-ID's characters that a URL may hold as they are.
 std::string MidUrl(std::string_view messageId) {
-  static const char kHex[] = "0123456789ABCDEF";
-  std::string url = "mid:";
-  for (unsigned char c : messageId) {
-    if (std::isalnum(c) || std::string_view("-._~!$&'*+=@").find(static_cast<char>(c)) != std::string_view::npos) {
-      url += static_cast<char>(c);
-    } else {
-      url += '%';
-      url += kHex[c >> 4];
-      url += kHex[c & 15];
-    }
-  }
-  return url;
+  return "mid:" + PercentEncoded(messageId, "-._~!$&'*+=@", false);
 }
 
 // The unique part of a Maildir file name: what comes before the ":2,"

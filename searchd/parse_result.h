@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "searchd/item.h"
@@ -23,6 +24,11 @@ struct ParseResult {
 // Parsers refuse files above this size before reading them: a personal
 // data file this large is not what its extension claims.
 inline constexpr size_t kMaxSourceFileBytes = 4 * 1024 * 1024;
+
+// `text` with every byte that is not an ASCII letter or digit and not in
+// `kept` written as %XX; bytes above 0x7F stay as they are when
+// `keepNonAscii`.
+std::string PercentEncoded(std::string_view text, std::string_view kept, bool keepNonAscii);
 
 // "file://" plus the percent-encoded absolute path.
 std::string FileUrl(const std::string& path);

@@ -142,20 +142,22 @@ ParseResult Source::load(const std::string& path) const {
   return content ? parse(path, *content) : ParseResult::Failure(why);
 }
 
-std::string FileUrl(const std::string& path) {
+std::string PercentEncoded(std::string_view text, std::string_view kept, bool keepNonAscii) {
   static const char kHex[] = "0123456789ABCDEF";
-  std::string url = "file://";
-  for (unsigned char c : path) {
-    if (std::isalnum(c) || c == '/' || c == '-' || c == '_' || c == '.' || c == '~' || c >= 0x80) {
-      url += static_cast<char>(c);
+  std::string out;
+  for (unsigned char c : text) {
+    if (std::isalnum(c) || kept.find(static_cast<char>(c)) != std::string_view::npos || (keepNonAscii && c >= 0x80)) {
+      out += static_cast<char>(c);
     } else {
-      url += '%';
-      url += kHex[c >> 4];
-      url += kHex[c & 15];
+      out += '%';
+      out += kHex[c >> 4];
+      out += kHex[c & 15];
     }
   }
-  return url;
+  return out;
 }
+
+std::string FileUrl(const std::string& path) { return "file://" + PercentEncoded(path, "/-_.~", true); }
 
 SourceLocations SourceLocations::ForUser() {
   SourceLocations l;
