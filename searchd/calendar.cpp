@@ -17,8 +17,10 @@ namespace {
 
 // A rule that yields more occurrences than this before reaching `now`
 // (FREQ=SECONDLY since 1970) is cut off; its last occurrence seen stands
-// for the series.
+// for the series. The file's budget keeps a file of many such rules from
+// holding the indexer for minutes.
 constexpr int kMaxOccurrencesScanned = 100000;
+constexpr int kMaxOccurrencesPerFile = 300000;
 constexpr time_t kDay = 24 * 60 * 60;
 
 // libical keeps its zone cache and error state in globals: one parse at a
@@ -162,7 +164,8 @@ class OccurrenceFinder {
   std::optional<time_t> next_, last_;
 };
 
-void OfferRule(icalcomponent* event, const Moment& start, time_t now, time_t duration, OccurrenceFinder& finder) {
+void OfferRule(icalcomponent* event, const Moment& start, time_t now, time_t duration, OccurrenceFinder& finder,
+               int& fileBudget) {
   icalproperty* property = icalcomponent_get_first_property(event, ICAL_RRULE_PROPERTY);
   if (!property) return;
   const icalrecurrencetype rule = icalproperty_get_rrule(property);
@@ -178,7 +181,7 @@ void OfferRule(icalcomponent* event, const Moment& start, time_t now, time_t dur
     icaltimetype jump = icaltime_from_timet_with_zone(from, start.local.is_date, start.zone.zone);
     icalrecur_iterator_set_start(it.get(), jump);
   }
-  for (int i = 0; i < kMaxOccurrencesScanned; ++i) {
+  for (int i = 0; i < kMaxOccurrencesScanned && fileBudget > 0; ++i, --fileBudget) {
     const icaltimetype t = icalrecur_iterator_next(it.get());
     if (icaltime_is_null_time(t)) break;
     if (finder.offer(ToUtc(t, start.zone))) break;
@@ -186,7 +189,7 @@ void OfferRule(icalcomponent* event, const Moment& start, time_t now, time_t dur
 }
 
 ParseResult EventToItem(const std::string& path, icalcomponent* calendar, const Event& event, time_t now,
-                        const std::set<time_t>& overridden, size_t ordinal) {
+                        const std::set<time_t>& overridden, size_t ordinal, int& occurrenceBudget) {
   icalcomponent* c = event.component;
   icalproperty* dtstart = icalcomponent_get_first_property(c, ICAL_DTSTART_PROPERTY);
   const icaltimetype startTime = dtstart ? icalproperty_get_dtstart(dtstart) : icaltime_null_time();
@@ -217,7 +220,7 @@ ParseResult EventToItem(const std::string& path, icalcomponent* calendar, const 
     const icaltimetype t = icaltime_is_null_time(rdate.time) ? rdate.period.start : rdate.time;
     if (!icaltime_is_null_time(t)) finder.offer(MomentOf(calendar, p, t).utc());
   }
-  if (!event.recurrenceId) OfferRule(c, start, now, length, finder);
+  if (!event.recurrenceId) OfferRule(c, start, now, length, finder, occurrenceBudget);
   // Nothing left when every occurrence is excluded: the event is not shown.
   const std::optional<time_t> occurrence = finder.result();
   if (!occurrence) return {};
@@ -280,6 +283,7 @@ ParseResult ParseCalendar(const std::string& path, std::string_view content, Dat
   const time_t nowUtc = static_cast<time_t>(now.unixTime());
   ParseResult result;
   size_t ordinal = 0;
+  int occurrenceBudget = kMaxOccurrencesPerFile;
   for (icalcomponent* calendar : calendars) {
     std::vector<Event> events;
     std::map<std::string, std::set<time_t>> overridden;  // UID -> exceptions' RECURRENCE-IDs
@@ -298,7 +302,8 @@ ParseResult ParseCalendar(const std::string& path, std::string_view content, Dat
     }
     for (const Event& event : events) {
       ParseResult one = EventToItem(path, calendar, event, nowUtc,
-                                    event.recurrenceId ? std::set<time_t>() : overridden[event.uid], ++ordinal);
+                                    event.recurrenceId ? std::set<time_t>() : overridden[event.uid], ++ordinal,
+                                    occurrenceBudget);
       if (!one.ok()) return one;
       for (Item& item : one.items) result.items.push_back(std::move(item));
     }
