@@ -4,7 +4,10 @@
 #include <sys/wait.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <thread>
 
 #include "kx/KXDaemonConnection.h"
@@ -18,6 +21,8 @@ namespace {
 // xdg-open normally hands the URL over and returns at once; a handler that
 // keeps it waiting is left running rather than holding the tool.
 constexpr std::chrono::seconds kLaunchWait{5};
+// How long the daemon may take to acknowledge an engagement.
+constexpr std::chrono::seconds kAcknowledgementWait{10};
 
 }  // namespace
 
@@ -42,7 +47,25 @@ bool SendEngagement(const ChosenResult& chosen, const std::string& input,
   record->setDisplayPosition(static_cast<int64_t>(chosen.position - 1));
   const auto& connection = KXDaemonConnection::sharedConnection();
   connection->sendFeedback(record);
-  return connection->retrieveUpdateListForDisplayIdentifier("kx-search", "", nullptr);
+  // The record goes out from the connection's own queue; a request queued
+  // there behind it is answered only once the daemon has taken the record
+  // (a request sent from this thread could overtake it).
+  struct Acknowledgement {
+    std::mutex mu;
+    std::condition_variable cv;
+    bool answered = false;
+    bool delivered = false;  // a real answer, not the end of the connection
+  };
+  auto ack = std::make_shared<Acknowledgement>();
+  connection->retrieveFirstTimeExperienceTextWithReply([ack](const kx::Value& text) {
+    std::lock_guard lock(ack->mu);
+    ack->answered = true;
+    ack->delivered = !text.isNil();
+    ack->cv.notify_all();
+  });
+  std::unique_lock lock(ack->mu);
+  return ack->cv.wait_for(lock, kAcknowledgementWait, [&] { return ack->answered; }) &&
+         ack->delivered;
 }
 
 bool Launch(const std::string& url) {

@@ -201,7 +201,9 @@ nlohmann::json FirstSection(const std::string& text) {
 }
 
 TEST_F(KxSearchEndToEndTest, ListingShowsSectionsAndOpenRaisesTheEngagedResult) {
-  const RunResult listing = RunTool({"--delay", "200", "cal"});
+  // Keys far enough apart that each prefix gets its answer even on a slow
+  // (sanitizer) build.
+  const RunResult listing = RunTool({"--delay", "400", "cal"});
   ASSERT_EQ(listing.status, 0) << listing.err;
   // A summary line per keystroke's update, then the numbered listing.
   EXPECT_THAT(listing.out, HasSubstr("\"ca\":"));
