@@ -62,6 +62,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <sstream>
@@ -232,19 +233,26 @@ class PropertyListBuilder {
   std::vector<Bytes> objects_;
 };
 
+// `inner` inside `times` containers, each made by `around` from the index
+// of what it holds.
+uint32_t Wrap(PropertyListBuilder& plist, uint32_t inner, size_t times,
+              const std::function<Bytes(uint32_t)>& around) {
+  for (size_t i = 0; i < times; ++i) inner = plist.add(around(inner));
+  return inner;
+}
+
 // {"QID": qid, "deep": {"k": {"k": ...}}} with `depth` dictionaries under
 // "deep", the innermost empty.
 Bytes NestedPropertyList(uint32_t qid, size_t depth) {
   PropertyListBuilder plist;
   const uint32_t key = plist.add(PropertyListBuilder::Ascii("k"));
-  uint32_t inner = plist.add({0xD0});
-  for (size_t i = 1; i < depth; ++i) {
+  const uint32_t deep = Wrap(plist, plist.add({0xD0}), depth - 1, [key](uint32_t inner) {
     Bytes dictionary = {0xD1};
     PropertyListBuilder::Ref(dictionary, key);
     PropertyListBuilder::Ref(dictionary, inner);
-    inner = plist.add(std::move(dictionary));
-  }
-  return plist.build(qid, "deep", inner);
+    return dictionary;
+  });
+  return plist.build(qid, "deep", deep);
 }
 
 // {"QID": qid, "wide": [d, d, ...]}: `count` references to one data object
@@ -263,14 +271,13 @@ Bytes SharedPropertyList(uint32_t qid, size_t count, size_t size) {
 // next one, `levels` times: a tree of 2^(levels + 1) - 1 nodes.
 Bytes ChainPropertyList(uint32_t qid, size_t levels) {
   PropertyListBuilder plist;
-  uint32_t inner = plist.add({0x10, 0x01});
-  for (size_t i = 0; i < levels; ++i) {
+  const uint32_t chain = Wrap(plist, plist.add({0x10, 0x01}), levels, [](uint32_t inner) {
     Bytes array = {0xA2};
     PropertyListBuilder::Ref(array, inner);
     PropertyListBuilder::Ref(array, inner);
-    inner = plist.add(std::move(array));
-  }
-  return plist.build(qid, "chain", inner);
+    return array;
+  });
+  return plist.build(qid, "chain", chain);
 }
 
 // Result `index` of section `domain` whose property archive field is
