@@ -21,6 +21,7 @@ using test::kTimeout;
 using test::LoggedCount;
 using test::Received;
 using test::RecordingDelegate;
+using test::DaemonClient;
 using test::TestDaemon;
 using Events = std::vector<std::string>;
 
@@ -61,39 +62,6 @@ class RecordingActivities : public Activities {
   std::mutex mu_;
   std::multiset<std::string> names_;
   uint64_t last_ = 0;
-};
-
-// A client of the test daemon whose query delegates run on their own queues.
-struct DaemonClient {
-  explicit DaemonClient(const TestDaemon& daemon)
-      : connection(KXDaemonConnection::initWithDaemonName(daemon.service())) {}
-
-  struct Query {
-    std::shared_ptr<KXDaemonQueryToken> token;
-    std::shared_ptr<RecordingDelegate> delegate;
-    // Waits for `count` events and returns them all.
-    Events events(size_t count) {
-      EXPECT_TRUE(delegate->events.waitFor(count)) << "query " << token->queryID();
-      return delegate->events.items();
-    }
-  };
-
-  // Opens `script` (see tests/test_daemon.cpp) the way the search agent
-  // does: on the delegate's queue, setting the delegate in the same job.
-  Query start(const std::string& script, const Value& response = Value(), bool isStable = false) {
-    auto queue = Queue::Create("test.query");
-    Query query{nullptr, std::make_shared<RecordingDelegate>(queue)};
-    auto search = KXSearchQuery::initWithSearchString(script, "en_US", std::nullopt,
-                                                      KXSearchQuery::DomainList{2, 4},
-                                                      KXSearchQuery::BundleList{});
-    queue->sync([&] {
-      query.token = connection->startQuery(search, response, isStable, queue);
-      query.token->setDelegate(query.delegate);
-    });
-    return query;
-  }
-
-  std::shared_ptr<KXDaemonConnection> connection;
 };
 
 // The "OpenQuery" messages the daemon received for `token`.

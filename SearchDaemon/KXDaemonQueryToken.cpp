@@ -120,8 +120,8 @@ void KXDaemonQueryToken::handleResults(KXDPQMessage& message) {
     reader = KXSearchResultDeserializer::initWithMallocRegion(nullptr, 0);
   }
   if (!reader) {
-    KXLOG(3, "Dropping results for query %u: length %llu exceeds the region", queryID_,
-          static_cast<unsigned long long>(length));
+    KXLOG(3, "Dropping results for query %u: a stream of %llu bytes exceeds the region or the "
+          "limit", queryID_, static_cast<unsigned long long>(length));
     return;
   }
   callDelegate([reader](KXDaemonQueryDelegate& delegate,

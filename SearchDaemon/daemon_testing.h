@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "kx/KXDaemonConnection.h"
 #include "kx/KXDaemonQueryToken.h"
 #include "ipc/dpq_testing.h"
 #include "kx/KXSearchResultSection.h"
@@ -76,14 +77,16 @@ struct Received {
   std::string details;
 };
 
-// The test daemon serving `service` under kx-launch, which restarts it on
-// the next connection after it died. Stopped (with the launcher) when
-// destroyed.
+// The test daemon (or another helper `program` that takes --service and
+// --log and writes the same record) serving `service` under kx-launch,
+// which restarts it on the next connection after it died. Stopped (with the
+// launcher) when destroyed.
 class TestDaemon {
  public:
-  explicit TestDaemon(std::vector<std::string> flags = {}, std::string service = "searchd")
+  explicit TestDaemon(std::vector<std::string> flags = {}, std::string service = "searchd",
+                      const std::string& program = "test_daemon")
       : service_(std::move(service)), log_(NewLogPath(service_)) {
-    std::vector<std::string> args = {"--name", service_, "--", HelperPath("test_daemon"),
+    std::vector<std::string> args = {"--name", service_, "--", HelperPath(program),
                                      "--service", service_, "--log", log_};
     args.insert(args.end(), flags.begin(), flags.end());
     launcher_ = ChildProcess::Spawn(HelperPath("tools/kx-launch/kx-launch"), args);
@@ -161,6 +164,41 @@ class TestDaemon {
   std::string service_;
   std::string log_;
   std::optional<ChildProcess> launcher_;
+};
+
+// A client of a test daemon whose query delegates run on their own queues.
+struct DaemonClient {
+  explicit DaemonClient(const TestDaemon& daemon)
+      : connection(KXDaemonConnection::initWithDaemonName(daemon.service())) {}
+
+  struct Query {
+    std::shared_ptr<KXDaemonQueryToken> token;
+    std::shared_ptr<RecordingDelegate> delegate;
+    // Waits for `count` events and returns them all.
+    std::vector<std::string> events(size_t count) {
+      EXPECT_TRUE(delegate->events.waitFor(count)) << "query " << token->queryID();
+      return delegate->events.items();
+    }
+  };
+
+  // Opens `script` (a query text that the test daemons run as a script) the
+  // way the search agent does: on the delegate's queue, setting the
+  // delegate in the same job.
+  Query start(const std::string& script, const kx::Value& response = kx::Value(),
+              bool isStable = false) {
+    auto queue = Queue::Create("test.query");
+    Query query{nullptr, std::make_shared<RecordingDelegate>(queue)};
+    auto search = KXSearchQuery::initWithSearchString(script, "en_US", std::nullopt,
+                                                      KXSearchQuery::DomainList{2, 4},
+                                                      KXSearchQuery::BundleList{});
+    queue->sync([&] {
+      query.token = connection->startQuery(search, response, isStable, queue);
+      query.token->setDelegate(query.delegate);
+    });
+    return query;
+  }
+
+  std::shared_ptr<KXDaemonConnection> connection;
 };
 
 }  // namespace kx::test

@@ -117,8 +117,10 @@ class RecordingAgentDelegate : public KXSearchAgentDelegate {
 struct AgentFixture {
   explicit AgentFixture(std::vector<std::string> daemonFlags = {"--per-query-scripts"},
                         int32_t level = 0, uint32_t options = 0,
-                        std::shared_ptr<RecordingAgentDelegate> d = nullptr)
-      : daemon(std::move(daemonFlags), std::string(KXDaemonConnection::kDefaultDaemonName)),
+                        std::shared_ptr<RecordingAgentDelegate> d = nullptr,
+                        const std::string& daemonProgram = "test_daemon")
+      : daemon(std::move(daemonFlags), std::string(KXDaemonConnection::kDefaultDaemonName),
+               daemonProgram),
         delegate(d ? std::move(d) : std::make_shared<RecordingAgentDelegate>()) {
     agent = KXSearchAgent::initWithZKWLevel(level, options);
     agent->setDelegate(delegate);

@@ -107,7 +107,11 @@ class Reader {
       : bytes_(bytes),
         maxDepth_(maxDepth),
         nodeLimit_(std::min<uint64_t>(kMaxPropertyListNodes,
-                                      std::max<uint64_t>(kMaxPropertyListSharedNodes, bytes.size()))) {}
+                                      std::max<uint64_t>(kMaxPropertyListSharedNodes, bytes.size()))),
+        bytesLimit_(std::min<uint64_t>(
+            kMaxPropertyListExpandedBytes,
+            std::max<uint64_t>(kMaxPropertyListSharedBytes,
+                               uint64_t{bytes.size()} * kMaxPropertyListExpansion))) {}
 
   PropertyListResult Run() {
     if (Failure e = ReadTrailer(); e) return {Value(), e};
@@ -118,7 +122,7 @@ class Reader {
     const State& top = states[top_];
     if (top.height > maxDepth_) return {Value(), "nesting too deep"};
     if (top.nodes > nodeLimit_) return {Value(), "too many objects"};
-    if (top.bytes > kMaxPropertyListExpandedBytes) return {Value(), "too much content"};
+    if (top.bytes > bytesLimit_) return {Value(), "too much content"};
     return {std::move(root), {}};
   }
 
@@ -331,7 +335,7 @@ class Reader {
     if (Failure e = Parse(index, o, true); e) return e;
     if (parsed) *parsed = o;
     s.nodes = 1;
-    s.bytes = static_cast<uint32_t>(std::min(ContentBytes(o), kMaxPropertyListExpandedBytes + 1));
+    s.bytes = static_cast<uint32_t>(std::min(ContentBytes(o), bytesLimit_ + 1));
     if (o.type != Type::Array && o.type != Type::Dict) {
       s.mark = 2;
       if (out) *out = Scalar(o);
@@ -398,9 +402,9 @@ class Reader {
     const State& cs = (*states_)[child];
     c.height = std::max<uint32_t>(c.height, cs.height);
     c.nodes = SaturatingAdd(c.nodes, cs.nodes, nodeLimit_);
-    c.bytes = SaturatingAdd(c.bytes, cs.bytes, kMaxPropertyListExpandedBytes);
+    c.bytes = SaturatingAdd(c.bytes, cs.bytes, bytesLimit_);
     if (c.nodes > nodeLimit_) return "too many objects";
-    if (c.bytes > kMaxPropertyListExpandedBytes) return "too much content";
+    if (c.bytes > bytesLimit_) return "too much content";
     return nullptr;
   }
 
@@ -429,6 +433,7 @@ class Reader {
   std::span<const uint8_t> bytes_;
   size_t maxDepth_;
   uint64_t nodeLimit_;
+  uint64_t bytesLimit_;  // string and data bytes of the expanded tree
   uint8_t offsetSize_ = 0;
   uint8_t refSize_ = 0;
   uint64_t objectCount_ = 0;

@@ -24,12 +24,21 @@ inline constexpr uint64_t kMaxPropertyListNodes = uint64_t{1} << 20;
 // input has bytes, unless it stays within this many. A list whose
 // containers are each referred to once (what writers produce) never has
 // more: every node but the root takes a reference of at least one byte.
-// Only shared containers expand further, and without this bound a few
-// hundred bytes could stand for a million nodes, which take seconds to
-// build and far longer for a quadratic writer to encode again.
-inline constexpr uint64_t kMaxPropertyListSharedNodes = uint64_t{1} << 16;
+// Only shared containers expand further. The allowance is small because
+// lists arrive by the thousand (one in every result of a batch): with 64 Ki
+// nodes, 200 bytes of a daemon's result stood for 6 MiB, and a batch of
+// such results kept a client busy for over a minute.
+inline constexpr uint64_t kMaxPropertyListSharedNodes = 32;
 // The most string and data bytes the expanded tree may hold.
 inline constexpr uint64_t kMaxPropertyListExpandedBytes = uint64_t{256} << 20;
+// Below kMaxPropertyListExpandedBytes, the tree may also hold no more than
+// kMaxPropertyListExpansion times the input's size in string and data
+// bytes, unless it stays within kMaxPropertyListSharedBytes. Writers share
+// equal strings, which expands a little; without this bound a data object
+// of 60 KiB referred to 4,000 times (70 KiB of input, one message) built
+// 240 MiB.
+inline constexpr uint64_t kMaxPropertyListExpansion = 16;
+inline constexpr uint64_t kMaxPropertyListSharedBytes = uint64_t{4} << 10;
 
 struct PropertyListResult {
   Value value;        // nil on failure

@@ -195,6 +195,31 @@ TEST(PropertyListTest, RejectsCyclesSharedBlowUpAndBadObjects) {
   bomb.add({0x10, 0x01});
   EXPECT_EQ(decode(bomb), "too many objects");
 
+  // One data object referred to again and again: content up to 4 KiB, or
+  // 16 times the input, expands; more is refused however small the input.
+  auto sharedData = [](size_t references, size_t size) {
+    RawPlist p;
+    p.refSize = 2;
+    std::vector<uint8_t> array = {0xAF, 0x11, static_cast<uint8_t>(references >> 8),
+                                  static_cast<uint8_t>(references)};
+    for (size_t i = 0; i < references; ++i) array.insert(array.end(), {0x00, 0x01});
+    p.add(array);
+    std::vector<uint8_t> data = {0x4F, 0x11, static_cast<uint8_t>(size >> 8),
+                                 static_cast<uint8_t>(size)};
+    data.resize(data.size() + size, 0x5A);
+    p.add(data);
+    return p;
+  };
+  static_assert(kMaxPropertyListSharedBytes == 4096 && kMaxPropertyListExpansion == 16);
+  PropertyListResult within16 = DecodeBinaryPropertyList(sharedData(16, 1024).bytes());
+  ASSERT_TRUE(within16.ok()) << within16.error;  // 16 KiB from 1,108 bytes
+  EXPECT_EQ(within16.value.count(), 16u);
+  EXPECT_EQ(decode(sharedData(64, 1024)), "too much content");  // 64 KiB from 1,204
+  EXPECT_TRUE(DecodeBinaryPropertyList(sharedData(16, 256).bytes()).ok());  // 4 KiB from 340
+  EXPECT_EQ(decode(sharedData(40, 128)), "too much content");  // 5 KiB from 260
+  // 40 KiB of input standing for 16 MB.
+  EXPECT_EQ(decode(sharedData(400, 40000)), "too much content");
+
   // Sharing within the limits is fine and expands.
   RawPlist shared;
   shared.add(RawPlist::Array({1, 1, 1}));
@@ -205,22 +230,22 @@ TEST(PropertyListTest, RejectsCyclesSharedBlowUpAndBadObjects) {
   EXPECT_EQ(ok.value.at(2).date()->secondsSinceReferenceDate, 1e9);
 
   // A chain of arrays each referring twice to the next: a tree of
-  // 2^(levels+1) - 1 nodes from about 3 bytes per level. Within
-  // kMaxPropertyListSharedNodes it decodes; beyond it, and beyond the
-  // input's size, it is refused although far below kMaxPropertyListNodes.
+  // 2^(levels+1) - 1 nodes from 44 + 5 * levels bytes. Within
+  // kMaxPropertyListSharedNodes, or the input's size, it decodes; beyond
+  // both it is refused although far below kMaxPropertyListNodes.
   auto chain = [](uint8_t levels) {
     RawPlist p;
     for (uint8_t i = 0; i < levels; ++i) p.add(RawPlist::Array({uint8_t(i + 1), uint8_t(i + 1)}));
     p.add({0x10, 0x01});
     return p;
   };
-  static_assert(kMaxPropertyListSharedNodes == (uint64_t{1} << 16));
-  PropertyListResult within = DecodeBinaryPropertyList(chain(15).bytes());
-  ASSERT_TRUE(within.ok()) << within.error;
-  EXPECT_EQ(within.value.count(), 2u);
-  const RawPlist beyond = chain(16);
-  ASSERT_LT(beyond.bytes().size(), 200u);
-  EXPECT_EQ(decode(beyond), "too many objects");
+  static_assert(kMaxPropertyListSharedNodes == 32);
+  for (uint8_t levels : {4, 5}) {  // 31 nodes from 64 bytes, 63 from 69
+    PropertyListResult within = DecodeBinaryPropertyList(chain(levels).bytes());
+    ASSERT_TRUE(within.ok()) << within.error;
+    EXPECT_EQ(within.value.count(), 2u);
+  }
+  EXPECT_EQ(decode(chain(6)), "too many objects");  // 127 nodes from 74 bytes
   EXPECT_EQ(decode(chain(18)), "too many objects");
 
   struct Case {

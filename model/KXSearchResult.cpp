@@ -5,6 +5,7 @@
 
 #include "kx/file_identifier_url.h"
 #include "kx/log.h"
+#include "model/property_archive.h"
 #include "model/property_snapshot.h"
 #include "model/record_fields.h"
 #include "support/secure_archiving.h"
@@ -81,6 +82,11 @@ std::mutex& LazyFillMutex() {
 }
 
 }  // namespace
+
+bool kx::IsCommonPropertyArchive(std::span<const uint8_t> archive) {
+  const CommonArchives& common = Common();
+  return SameBytes(archive, common.empty) || SameBytes(archive, common.absent);
+}
 
 // ---------------------------------------------------------------------------
 // Additional properties

@@ -9,6 +9,7 @@
 #include "kx/log.h"
 #include "kx/KXSearchResultSection.h"
 #include "platform/message/shared_memory.h"
+#include "transport/result_stream_budget.h"
 #include "kx/KXSearchResultSerializer.h"
 
 namespace {
@@ -59,6 +60,11 @@ std::shared_ptr<KXSearchResultDeserializer> KXSearchResultDeserializer::initWith
 std::shared_ptr<KXSearchResultDeserializer> KXSearchResultDeserializer::initWithRegion(
     std::unique_ptr<kx::SharedMemoryRegion> region, size_t length) {
   if (!region || length > region->size()) return nullptr;
+  if (length > kx::kMaxReceivedResultStreamLength) {
+    KXLOG(3, "Refusing a result stream of %zu bytes (at most %zu are read)", length,
+          kx::kMaxReceivedResultStreamLength);
+    return nullptr;
+  }
   auto reader = Make(const_cast<uint8_t*>(region->data()), length, Ownership::Region);
   if (reader) reader->region_ = std::move(region);
   return reader;
@@ -81,6 +87,7 @@ KXSearchResultDeserializer::~KXSearchResultDeserializer() {
 bool KXSearchResultDeserializer::deserializeNextSection(KXSearchResultSection* section) {
   KX_ASSERT(section != nullptr, kNullSectionPointer);
   if (!section || !hasMoreData()) return false;
+  if (!chargeNextSection()) return false;
   return finishSection(section->readFrom(*this));
 }
 
@@ -88,6 +95,22 @@ bool KXSearchResultDeserializer::deserializeNextDomain(uint32_t* domain) {
   KX_ASSERT(domain != nullptr, kNullSectionPointer);
   if (!domain || !hasMoreData()) return false;
   return finishSection(KXSearchResultSectionReadDomainFrom(domain, *this));
+}
+
+bool KXSearchResultDeserializer::chargeNextSection() {
+  // At a section's start no mark is placed, so the region's rest is the
+  // stream's.
+  const auto* start = reinterpret_cast<const uint8_t*>(static_cast<uintptr_t>(byteVector_));
+  const size_t cost =
+      kx::SectionDecodeCost({start + position(), regionLength_ - position()});
+  if (cost > kx::kResultStreamDecodeBudget - decodeSpent_) {
+    KXLOG(3, "Result stream of %zu bytes exceeds its decoding budget after %zu bytes",
+          regionLength_, position());
+    setError();
+    return false;
+  }
+  decodeSpent_ += cost;
+  return true;
 }
 
 bool KXSearchResultDeserializer::finishSection(bool decoded) {

@@ -14,6 +14,11 @@
 // region cut between two fields of a section does not pass its first part
 // off as the whole. After a false every further call is false too. One
 // thread at a time.
+//
+// A stream comes from another process, so what reading it may cost is
+// bounded: received streams longer than 2 MiB are refused whole, and the
+// section that would take decoding past its budget fails like a damaged
+// one (transport/result_stream_budget.h).
 #pragma once
 
 #include "kx/export.h"
@@ -46,7 +51,8 @@ class KX_EXPORT KXSearchResultDeserializer : public WireReader, public kx::Objec
   static std::shared_ptr<KXSearchResultDeserializer> initWithSerializer(
       const KXSearchResultSerializer& serializer);
   // Takes over a region object (a received shared-memory mapping) and reads
-  // its first `length` bytes; null when `length` exceeds the region.
+  // its first `length` bytes; null when `length` exceeds the region or the
+  // limit on received streams.
   static std::shared_ptr<KXSearchResultDeserializer> initWithRegion(
       std::unique_ptr<kx::SharedMemoryRegion> region, size_t length);
 
@@ -79,6 +85,10 @@ class KX_EXPORT KXSearchResultDeserializer : public WireReader, public kx::Objec
   // Logs the creation line and builds the reader.
   static std::shared_ptr<KXSearchResultDeserializer> Make(void* address, size_t length,
                                                           Ownership ownership);
+  // Charges the next section to the decoding budget (see
+  // transport/result_stream_budget.h); false, with the error flag set, when
+  // it does not fit.
+  bool chargeNextSection();
   // The verdict on the section just read, given its reader's.
   bool finishSection(bool decoded);
 
@@ -88,4 +98,5 @@ class KX_EXPORT KXSearchResultDeserializer : public WireReader, public kx::Objec
   const size_t regionLength_;
   const Ownership ownership_;
   std::unique_ptr<kx::SharedMemoryRegion> region_;
+  size_t decodeSpent_ = 0;
 };
