@@ -16,10 +16,12 @@
 // - after a second kill the query may stay without an answer: then no
 //   daemon was started for it again, the agent posts nothing more, and its
 //   last post is the part of the answer that arrived before the kill;
-// - every tenth text and at the end: this process's descriptors, mappings
-//   and threads are back at their counts after the warm-up, the running
-//   daemon's at most those of the first warmed-up daemon, and the
-//   launcher's descriptors unchanged.
+// - after every text: the running daemon's descriptors, mappings and
+//   threads are at most those of the first warmed-up daemon (plus an
+//   allowance for lazily opened index files), the launcher's descriptors
+//   unchanged, and no daemon ended other than by our kill; every tenth
+//   text and at the end: this process's counts are back at their counts
+//   after the warm-up.
 // A failure prints the seed and the text; the same seed replays the run.
 #include <signal.h>
 
@@ -123,11 +125,16 @@ class Soak {
     tally_.slowestSettle = std::max(tally_.slowestSettle,
                                     std::chrono::duration_cast<milliseconds>(Clock::now() - started));
     if (iteration + 1 == kWarmUpIterations) takeBaselines();
-    if (iteration + 1 > kWarmUpIterations && (iteration + 1) % kCountCheckEvery == 0) checkCounts();
+    if (iteration + 1 <= kWarmUpIterations) return;
+    checkDaemon();
+    if ((iteration + 1) % kCountCheckEvery == 0) checkClient();
   }
 
   void finish() {
-    if (haveBaselines_) checkCounts();
+    if (haveBaselines_) {
+      checkDaemon();
+      checkClient();
+    }
     const SoakDaemon::TraceSummary trace = daemon_.summarizeTrace();
     Require(trace.mostOpens <= 2, "a query reached daemons " + std::to_string(trace.mostOpens) + " times");
     Require(trace.opensAfterClose == 0,
@@ -260,13 +267,17 @@ class Soak {
     haveBaselines_ = true;
   }
 
-  void checkCounts() {
-    const std::string faults = daemon_.faults();
-    Require(faults.empty(), "the daemon failed on its own:\n" + faults);
+  void checkClient() {
     const ProcessCounts client = WaitWithin(clientBaseline_, [] { return ReadProcessCounts(); });
     Require(client.within(clientBaseline_), "the client holds " + client.describe() + ", at most " +
                                                 clientBaseline_.describe() + "\nnew mappings:\n" +
                                                 NewLines(clientBaselineMaps_, Mappings()));
+  }
+
+  // After every text, so every restarted daemon is seen at least once.
+  void checkDaemon() {
+    const std::string faults = daemon_.faults();
+    Require(faults.empty(), "the daemon failed on its own:\n" + faults);
     if (const pid_t pid = daemon_.pid(); pid > 0) {
       const ProcessCounts daemon = WaitWithin(daemonBaseline_, [&] { return ReadProcessCounts(pid); });
       Require(daemon.within(daemonBaseline_) || daemon_.pid() != pid,
