@@ -187,6 +187,12 @@ void KXDaemonConnection::resendQuery(const std::shared_ptr<KXDaemonQueryToken>& 
   token->queue()->async([connection = self(), token] {
     KXLOG(7, "=====^^^^ Resending query!");
     if (token->queryFinished()) return;
+    // Cancelled since the interruption: its "CloseQuery" has gone out, and
+    // re-sending it would make the daemon run it for nobody.
+    {
+      std::lock_guard lock(connection->mu_);
+      if (!connection->runningQueries_.contains(token->queryID())) return;
+    }
     if (std::shared_ptr<KXDaemonQueryDelegate> delegate = token->delegate())
       delegate->searchDaemonQueryReset(token);
     connection->sendMessageForToken(token, kx::Value(), false);

@@ -229,6 +229,28 @@ TEST(KXDaemonConnectionTest, AnInterruptionResendsEachUnfinishedQueryOnce) {
   EXPECT_EQ(c.events(3), (Events{"results 5:1", "reset", "results 5:1"}));
 }
 
+TEST(KXDaemonConnectionTest, AQueryCancelledBeforeItsResendIsNotResent) {
+  TestDaemon daemon;
+  DaemonClient client(daemon);
+  DaemonClient::Query a = client.start("results:2:1");
+  DaemonClient::Query b = client.start("results:3:1");
+  a.events(1);
+  b.events(1);
+  // The re-send step of `a` waits on its queue behind this job.
+  std::promise<void> release;
+  a.token->queue()->async([held = release.get_future().share()] { held.wait(); });
+  daemon.kill();
+  EXPECT_EQ(b.events(3), (Events{"results 3:1", "reset", "results 3:1"}));
+  client.connection->cancelQuery(a.token);
+  release.set_value();
+  a.token->queue()->sync([] {});
+  // One round trip after it: anything `a` sent has reached the daemon.
+  EXPECT_EQ(Await<Value>([&](auto done) { client.connection->retrieveFirstTimeExperienceTextWithReply(done); }),
+            Value("Type to search"));
+  EXPECT_EQ(OpensOf(daemon, *a.token).size(), 1u);
+  EXPECT_EQ(a.delegate->events.items(), (Events{"results 2:1"}));
+}
+
 TEST(KXDaemonConnectionTest, AgainstASilentDaemonTheUpdateListTimesOutAndRegistrationSendsNothing) {
   setKXLogLevel(7);
   TestDaemon daemon({"--silent"});

@@ -97,6 +97,10 @@ std::vector<std::string> Words(std::string_view text) {
   return words;
 }
 
+void WarmUpWordBreaking() {
+  Words(Fold("Warm-up: Émile 東京 ひらがな カタカナ ภาษาไทย ພາສາລາວ ភាសាខ្មែរ မြန်မာ"));
+}
+
 bool HasUnspacedScript(std::string_view text) {
   return !AllCodePoints(text, [](UChar32 c) {
     if (c < 0x0E00) return true;  // Thai is the lowest of these scripts

@@ -19,6 +19,15 @@ std::string Fold(std::string_view text);
 // dropped. The words keep their original case.
 std::vector<std::string> Words(std::string_view text);
 
+// Builds what ICU makes on first use of word breaking (rules, the
+// dictionaries of the scripts above, its caches). Called before query
+// threads start: ICU publishes these through its own atomics, which
+// ThreadSanitizer cannot see inside the uninstrumented library and takes
+// for races between the first threads to break words, and thread creation
+// orders what is built here before every later use. It also spares the
+// first query of each script the loading.
+void WarmUpWordBreaking();
+
 // True when `text` holds a character of a script written without spaces
 // between words (Han, Hiragana, Katakana, Thai, Lao, Khmer, Myanmar).
 bool HasUnspacedScript(std::string_view text);

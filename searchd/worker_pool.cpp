@@ -1,10 +1,12 @@
 #include "searchd/worker_pool.h"
 
 #include "kx/log.h"
+#include "searchd/text.h"
 
 namespace kx::searchd {
 
 WorkerPool::WorkerPool(const std::string& indexPath, size_t threads) {
+  WarmUpWordBreaking();
   for (size_t i = 0; i < threads; ++i) indexes_.push_back(std::make_unique<Index>(indexPath, /*readOnly=*/true));
   for (auto& index : indexes_) threads_.emplace_back([this, i = index.get()] { run(*i); });
 }
