@@ -372,16 +372,22 @@ void Run(int size, const Options& options, const std::string& root, const char* 
                 MiB(std::filesystem::file_size(root + "/tracker-" + std::to_string(size) + "/meta.db", ignored)));
   }
 
-  std::printf("| prefix length | ours: keystroke to first post p50 | p95 | p99 | Tracker in-process p50 | p99 | "
-              "Tracker p50 / ours p50 |\n| --- | --- | --- | --- | --- | --- | --- |\n");
-  for (auto& [letters, ms] : byLength)
-    std::printf("| %zu | %.2f ms | %.2f ms | %.2f ms | %.2f ms | %.2f ms | %.1fx |\n", letters, PercentileOf(ms, 0.5),
-                PercentileOf(ms, 0.95), PercentileOf(ms, 0.99), PercentileOf(trackerByLength[letters], 0.5),
-                PercentileOf(trackerByLength[letters], 0.99),
-                PercentileOf(trackerByLength[letters], 0.5) / PercentileOf(ms, 0.5));
-  std::printf("| all | %.2f ms | %.2f ms | %.2f ms | %.2f ms | %.2f ms | %.1fx |\n\n", PercentileOf(all, 0.5),
-              PercentileOf(all, 0.95), PercentileOf(all, 0.99), PercentileOf(trackerAll, 0.5), PercentileOf(trackerAll, 0.99),
-              PercentileOf(trackerAll, 0.5) / PercentileOf(all, 0.5));
+  // Tracker's columns only when it ran.
+  const bool withTracker = !trackerAll.empty();
+  std::printf("| prefix length | ours: keystroke to first post p50 | p95 | p99 |%s\n| --- | --- | --- | --- |%s\n",
+              withTracker ? " Tracker in-process p50 | p99 | Tracker p50 / ours p50 |" : "",
+              withTracker ? " --- | --- | --- |" : "");
+  auto row = [&](const std::string& label, const std::vector<double>& ms, const std::vector<double>& tracker) {
+    std::printf("| %s | %.2f ms | %.2f ms | %.2f ms |", label.c_str(), PercentileOf(ms, 0.5), PercentileOf(ms, 0.95),
+                PercentileOf(ms, 0.99));
+    if (withTracker)
+      std::printf(" %.2f ms | %.2f ms | %.1fx |", PercentileOf(tracker, 0.5), PercentileOf(tracker, 0.99),
+                  PercentileOf(tracker, 0.5) / PercentileOf(ms, 0.5));
+    std::printf("\n");
+  };
+  for (auto& [letters, ms] : byLength) row(std::to_string(letters), ms, trackerByLength[letters]);
+  row("all", all, trackerAll);
+  std::printf("\n");
 
   const std::vector<double> connection = DaemonConnectionLatencies(texts);
   const std::vector<double> bus = BusLatencies(root, indexPath, self, texts);
