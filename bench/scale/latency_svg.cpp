@@ -46,8 +46,9 @@ bool WriteLatencySvg(const std::string& path, const std::string& title, const st
       out << "<rect x=\"" << kLeft + b * binWidth + s * barWidth << "\" y=\"" << kTop + plotHeight - h << "\" width=\""
           << barWidth << "\" height=\"" << h << "\" fill=\"" << series[s].colour << "\"/>\n";
     }
-    out << "<rect x=\"" << kWidth - 290 << "\" y=\"" << kTop + 16 * s << "\" width=\"10\" height=\"10\" fill=\""
-        << series[s].colour << "\"/><text x=\"" << kWidth - 275 << "\" y=\"" << kTop + 16 * s + 10 << "\">"
+    // The legend sits above the plot, right of the title, clear of any bar.
+    out << "<rect x=\"" << kWidth - 290 << "\" y=\"" << 8 + 15 * s << "\" width=\"10\" height=\"10\" fill=\""
+        << series[s].colour << "\"/><text x=\"" << kWidth - 275 << "\" y=\"" << 18 + 15 * s << "\">"
         << series[s].name << "</text>\n";
   }
   const double baseline = kTop + plotHeight;
