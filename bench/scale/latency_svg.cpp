@@ -7,8 +7,8 @@
 namespace kx::bench {
 namespace {
 
-constexpr double kLow = 0.05, kHigh = 200;  // ms
-constexpr int kBins = 36;
+constexpr double kLow = 0.1, kHigh = 10000;  // ms
+constexpr int kBins = 50;
 constexpr int kWidth = 760, kHeight = 360, kLeft = 60, kRight = 20, kTop = 40, kBottom = 50;
 
 int BinOf(double ms) {
@@ -46,14 +46,15 @@ bool WriteLatencySvg(const std::string& path, const std::string& title, const st
       out << "<rect x=\"" << kLeft + b * binWidth + s * barWidth << "\" y=\"" << kTop + plotHeight - h << "\" width=\""
           << barWidth << "\" height=\"" << h << "\" fill=\"" << series[s].colour << "\"/>\n";
     }
-    out << "<rect x=\"" << kWidth - 200 << "\" y=\"" << kTop + 16 * s << "\" width=\"10\" height=\"10\" fill=\""
-        << series[s].colour << "\"/><text x=\"" << kWidth - 185 << "\" y=\"" << kTop + 16 * s + 10 << "\">"
+    // The legend sits above the plot, right of the title, clear of any bar.
+    out << "<rect x=\"" << kWidth - 290 << "\" y=\"" << 8 + 15 * s << "\" width=\"10\" height=\"10\" fill=\""
+        << series[s].colour << "\"/><text x=\"" << kWidth - 275 << "\" y=\"" << 18 + 15 * s << "\">"
         << series[s].name << "</text>\n";
   }
   const double baseline = kTop + plotHeight;
   out << "<line x1=\"" << kLeft << "\" y1=\"" << baseline << "\" x2=\"" << kWidth - kRight << "\" y2=\"" << baseline
       << "\" stroke=\"black\"/>\n";
-  for (double tick : {0.1, 0.3, 1.0, 3.0, 10.0, 30.0, 100.0})
+  for (double tick : {0.1, 0.3, 1.0, 3.0, 10.0, 30.0, 100.0, 300.0, 1000.0, 3000.0, 10000.0})
     out << "<line x1=\"" << XOf(tick) << "\" y1=\"" << baseline << "\" x2=\"" << XOf(tick) << "\" y2=\"" << baseline + 5
         << "\" stroke=\"black\"/><text x=\"" << XOf(tick) << "\" y=\"" << baseline + 18
         << "\" text-anchor=\"middle\">" << tick << "</text>\n";

@@ -1,5 +1,5 @@
-// A latency histogram as a hand-written SVG: logarithmic bins from 0.05 ms
-// to 200 ms, one bar series per contender, share of samples per bin.
+// A latency histogram as a hand-written SVG: logarithmic bins from 0.1 ms
+// to 10 s, one bar series per contender, share of samples per bin.
 #pragma once
 
 #include <string>
