@@ -46,6 +46,9 @@ std::string DatedSubtitle(const Item& item) {
 }
 
 std::shared_ptr<KXSearchResultSection> CalculatorSection(const QueryRequest& request) {
+  // Nothing to compute for a query that wants neither answer.
+  if (!request.wantsDomain(kDomainCalculator) && !request.wantsDomain(kDomainConversion))
+    return nullptr;
   std::optional<Calculation> calculation = Calculate(request.text);
   if (!calculation || !request.wantsDomain(calculation->domain)) return nullptr;
   const std::string bundle = calculation->domain == kDomainCalculator ? "com.orvex.calculations"

@@ -25,6 +25,7 @@
 #include <string>
 #include <thread>
 
+#include "kx/date_strings.h"
 #include "kx/log_init.h"
 #include "kx/main_loop.h"
 #include "searchd/calculator.h"
@@ -192,6 +193,14 @@ int main(int argc, char** argv) {
     serverOptions.requestLogPath = options->requestLog;
     SearchServer server(serverOptions, writer, writerMutex);
     server.setDomainOrder(DomainOrder(writer));
+    // Subtitles of dated items need the day-and-time formatters, whose
+    // making reads the host's time zone through the C library's tzset(),
+    // as the calculator's loading does. Made here, before the preload thread
+    // starts, they never do it at the same time (the C library serialises
+    // tzset() with a lock ThreadSanitizer cannot see).
+    // (A day long past: today's date would be said as "Today" and leave the
+    // day formatter unmade.)
+    KXDayAndTimeStringForDate(kx::Date{0});
     std::thread preload(PreloadCalculator);
     server.start();
     // Runs on the watcher's thread, which holds no lock by then.
