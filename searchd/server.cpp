@@ -17,10 +17,13 @@
 namespace kx::searchd {
 namespace {
 
-constexpr const char* kFirstTimeText = "Search applications, settings, contacts and notes on this computer";
+constexpr const char* kFirstTimeText =
+    "Search applications, settings, contacts, notes, mail, events and documents on this computer";
 // "SearchError" codes.
 constexpr uint32_t kErrorIndex = 1;
 constexpr uint32_t kErrorRefused = 2;
+// The largest icon drawn for "GetResultImage", in pixels a side.
+constexpr int kMaxIconPixels = 1024;
 
 std::string NewSession() {
   std::random_device random;
@@ -294,8 +297,11 @@ Value SearchServer::resultImage(const Value& info) {
   if (!hit || hit->item.icon.empty()) return Value();
   const Number* w = info["ImageWidth"].number();
   const Number* h = info["ImageHeight"].number();
-  const double size = std::max(w ? w->doubleValue() : 0.0, h ? h->doubleValue() : 0.0);
-  std::optional<std::vector<uint8_t>> png = IconPng(hit->item.icon, static_cast<int>(size > 0 ? size : 48));
+  const double asked = std::max(w ? w->doubleValue() : 0.0, h ? h->doubleValue() : 0.0);
+  // Any number may arrive: none, NaN, or one that would have the icon drawn
+  // larger than any screen.
+  const int size = asked >= 1 ? static_cast<int>(std::min(asked, double{kMaxIconPixels})) : 48;
+  std::optional<std::vector<uint8_t>> png = IconPng(hit->item.icon, size);
   if (!png) return Value();
   return MakeDictionary({{"UA", Value(std::move(*png))}});
 }
