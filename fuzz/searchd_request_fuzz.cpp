@@ -25,10 +25,12 @@
 #include "searchd/server.h"
 
 // libqalculate keeps some of what it builds for a unit conversion
-// (MathStructure and GMP numbers) without a free; that is the library's, and
-// LeakSanitizer would stop every run that converts units on it. Leaks of our
-// own code are still reported.
-extern "C" const char* __lsan_default_suppressions() { return "leak:libqalculate.so\n"; }
+// (MathStructure and GMP numbers, some through GnuTLS) without a free; that
+// is the library's, and LeakSanitizer would stop every run that converts
+// units on it. Leaks of our own code are still reported.
+extern "C" const char* __lsan_default_suppressions() {
+  return "leak:libqalculate.so\nleak:libgmp.so\nleak:libgnutls.so\n";
+}
 
 namespace {
 
