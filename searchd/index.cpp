@@ -40,8 +40,9 @@ CREATE TABLE IF NOT EXISTS word_prefix(
 )sql";
 
 // Databases older than this hold the one- and two-letter table instead of
-// word_prefix; opening one fills word_prefix from the stored texts.
-constexpr int64_t kSchemaVersion = 2;
+// word_prefix (before 2) or word_prefix without whole-word rows (2); opening
+// one fills word_prefix anew from the stored texts.
+constexpr int64_t kSchemaVersion = 3;
 
 #define KX_ITEM_COLUMNS \
   "i.id, i.domain, i.bundle, i.identifier, i.title, i.subtitle, i.summary, i.url, i.extra, " \
@@ -87,13 +88,22 @@ std::string KeywordsColumn(const Item& item) {
   return keywords;
 }
 
-// The prefixes word_prefix files an item under.
+// The keys word_prefix files an item under: the prefixes of its words up to
+// kStoredScorePrefixLength letters and the longer words whole.
 std::set<std::string> StoredPrefixes(const std::string& title, const std::string& keywordsColumn) {
   std::set<std::string> prefixes;
-  for (const std::string& word : Words(Fold(title + " " + keywordsColumn)))
+  for (const std::string& word : Words(Fold(title + " " + keywordsColumn))) {
     for (size_t n = 1; n <= kStoredScorePrefixLength; ++n) prefixes.insert(CodePointPrefix(word, n));
+    if (CodePointCount(word) > kStoredScorePrefixLength) prefixes.insert(word);
+  }
   return prefixes;
 }
+
+bool IsLongPrefix(const std::string& prefix) { return CodePointCount(prefix) > kStoredScorePrefixLength; }
+
+// Above every key that starts with `prefix`: 0xFF never occurs in UTF-8, and
+// keys compare bytewise.
+std::string PrefixRangeEnd(const std::string& prefix) { return prefix + '\xff'; }
 
 // A word as an FTS5 prefix phrase: quoted, inner quotes doubled.
 std::string PrefixPhrase(const std::string& word) {
@@ -129,7 +139,7 @@ QueryPlan PlanQuery(const std::string& text) {
   QueryPlan plan;
   const std::vector<std::string> folded = Words(Fold(text));
   if (folded.empty()) return plan;
-  if (folded.size() == 1 && CodePointCount(folded[0]) <= kStoredScorePrefixLength) {
+  if (folded.size() == 1) {
     plan.prefix = folded[0];
     if (CodePointCount(folded[0]) <= kShortPrefixLength) {
       plan.shortPrefix = true;
@@ -161,7 +171,7 @@ void Index::migrate() {
   if (version.step() && version.integer(0) >= kSchemaVersion) return;
   version.reset();
   Transaction transaction(db_);
-  db_.exec("DROP TABLE IF EXISTS short_prefix");
+  db_.exec("DROP TABLE IF EXISTS short_prefix; DELETE FROM word_prefix;");
   {
     Statement s = db_.prepare(
         "SELECT i.id, i.domain, i.title, i.engagement, t.keywords FROM items i "
@@ -376,16 +386,50 @@ std::vector<IndexedItem> Index::search(const QueryPlan& plan, const SearchReques
   return it == hits.end() ? std::vector<IndexedItem>{} : std::move(it->second);
 }
 
-std::vector<IndexedItem> Index::searchStoredScore(const std::string& prefix, uint32_t domain,
+std::optional<std::vector<std::string>> Index::storedScoreKeys(const std::string& prefix) {
+  if (!IsLongPrefix(prefix)) return std::vector<std::string>{prefix};
+  // One seek per word: the next key above a word is the next word, however
+  // many rows the word has.
+  std::vector<std::string> words;
+  Statement first = db_.prepare("SELECT prefix FROM word_prefix WHERE prefix >= ?1 AND prefix < ?2 LIMIT 1");
+  Statement next = db_.prepare("SELECT prefix FROM word_prefix WHERE prefix > ?1 AND prefix < ?2 LIMIT 1");
+  const std::string end = PrefixRangeEnd(prefix);
+  first.bind(1, prefix).bind(2, end);
+  for (Statement* seek = &first; seek->step(); seek = &next) {
+    if (words.size() == kStoredScoreWordLimit) return std::nullopt;
+    words.push_back(seek->text(0));
+    next.reset();
+    next.bind(1, words.back()).bind(2, end);
+  }
+  return words;
+}
+
+std::vector<IndexedItem> Index::searchStoredScore(const std::vector<std::string>& keys, uint32_t domain,
                                                   const SearchRequest& request) {
   Statement s = db_.prepare(
       "SELECT " KX_ITEM_COLUMNS ", p.score FROM word_prefix p JOIN items i ON i.id = p.item "
       "WHERE p.prefix = ?1 AND p.domain = ?2 "
       "AND i.bundle NOT IN (SELECT value FROM json_each(?3)) "
       "ORDER BY p.score DESC, p.item LIMIT ?4");
-  s.bind(1, prefix).bind(2, int64_t{domain}).bind(3, ExcludedJson(request.excludedBundles));
-  s.bind(4, static_cast<int64_t>(request.limit));
-  return readItems(s);
+  std::vector<IndexedItem> best;
+  for (const std::string& key : keys) {
+    s.reset();
+    s.bind(1, key).bind(2, int64_t{domain}).bind(3, ExcludedJson(request.excludedBundles));
+    s.bind(4, static_cast<int64_t>(request.limit));
+    std::vector<IndexedItem> range = readItems(s);
+    best.insert(best.end(), std::make_move_iterator(range.begin()), std::make_move_iterator(range.end()));
+  }
+  if (keys.size() > 1) {
+    // Each range is in rank order; an item with two of the words is in both.
+    std::sort(best.begin(), best.end(), [](const IndexedItem& a, const IndexedItem& b) {
+      return a.rank != b.rank ? a.rank > b.rank : a.id < b.id;
+    });
+    best.erase(std::unique(best.begin(), best.end(),
+                           [](const IndexedItem& a, const IndexedItem& b) { return a.id == b.id; }),
+               best.end());
+    if (best.size() > request.limit) best.resize(request.limit);
+  }
+  return best;
 }
 
 struct Index::Candidate {
@@ -396,21 +440,36 @@ struct Index::Candidate {
   bool operator<(const Candidate& o) const { return rank != o.rank ? rank < o.rank : id < o.id; }
 };
 
-std::optional<std::vector<Index::Candidate>> Index::fullTextCandidates(const QueryPlan& plan) {
+std::optional<std::vector<Index::Candidate>> Index::fullTextCandidates(const QueryPlan& plan,
+                                                                       bool storedScoreMayAnswer) {
   const auto limit = static_cast<int64_t>(rankedMatchLimit_);
-  if (!plan.prefix.empty()) {
+  if (storedScoreMayAnswer) {
     // The prefix's own range is the cheaper count; counting rowids costs a
-    // fraction of scoring them.
-    auto exceeds = [&](const char* sql, const std::string& key) {
-      Statement count = db_.prepare(sql);
-      count.bind(1, key).bind(2, limit + 1);
+    // fraction of scoring them. A longer prefix spans several words, and an
+    // item with two of them has two rows.
+    auto exceeds = [&](Statement& count) {
+      count.bind(2, limit + 1);
       return count.step() && count.integer(0) > limit;
     };
-    if (exceeds("SELECT count(*) FROM (SELECT item FROM word_prefix WHERE prefix = ?1 LIMIT ?2)",
-                plan.prefix) ||
-        exceeds("SELECT count(*) FROM (SELECT rowid FROM items_text WHERE items_text MATCH ?1 LIMIT ?2)",
-                plan.match))
-      return std::nullopt;
+    bool exceeded = false;
+    if (IsLongPrefix(plan.prefix)) {
+      Statement titles = db_.prepare(
+          "SELECT count(*) FROM (SELECT DISTINCT item FROM word_prefix WHERE prefix >= ?1 AND prefix < ?3 "
+          "LIMIT ?2)");
+      titles.bind(1, plan.prefix).bind(3, PrefixRangeEnd(plan.prefix));
+      exceeded = exceeds(titles);
+    } else {
+      Statement titles = db_.prepare("SELECT count(*) FROM (SELECT item FROM word_prefix WHERE prefix = ?1 LIMIT ?2)");
+      titles.bind(1, plan.prefix);
+      exceeded = exceeds(titles);
+    }
+    if (!exceeded) {
+      Statement matches = db_.prepare(
+          "SELECT count(*) FROM (SELECT rowid FROM items_text WHERE items_text MATCH ?1 LIMIT ?2)");
+      matches.bind(1, plan.match);
+      exceeded = exceeds(matches);
+    }
+    if (exceeded) return std::nullopt;
   }
   // FTS5 walks the matches in rowid order, so the subquery stops after the
   // limit and bm25 scores only what it returns.
@@ -430,11 +489,13 @@ Index::DomainHits Index::searchDomains(const QueryPlan& plan, const std::set<uin
   throwIfCancelled();
   DomainHits hits;
   if (plan.empty() || request.limit == 0) return hits;
+  std::optional<std::vector<std::string>> keys;
+  if (!plan.prefix.empty()) keys = storedScoreKeys(plan.prefix);
   std::optional<std::vector<Candidate>> candidates;
-  if (!plan.shortPrefix) candidates = fullTextCandidates(plan);
+  if (!plan.shortPrefix) candidates = fullTextCandidates(plan, keys.has_value());
   if (!candidates) {
     for (uint32_t domain : domains)
-      if (std::vector<IndexedItem> found = searchStoredScore(plan.prefix, domain, request); !found.empty())
+      if (std::vector<IndexedItem> found = searchStoredScore(*keys, domain, request); !found.empty())
         hits[domain] = std::move(found);
     return hits;
   }

@@ -7,7 +7,8 @@
 //                prefixes that match much are answered from word_prefix, and
 //                a prefix index doubled the cost of a build
 //   word_prefix  the first one to five letters of every title and keyword
-//                word, with the item's stored score, keyed in rank order
+//                word, and the whole word when it is longer, with the item's
+//                stored score, keyed in rank order
 //
 // Ranking. Two rules, chosen per query text:
 //  - Stored score: the items with a title or keyword word starting with the
@@ -15,9 +16,12 @@
 //    score is engagement count + 1 / (1 + letters in the title): every
 //    engagement outweighs any title length, and shorter titles come first.
 //    It answers a one-word query of at most kShortPrefixLength letters, and
-//    a one-word query of at most kStoredScorePrefixLength letters when more
-//    than rankedMatchLimit() items have a title or keyword word starting
-//    with it or more than that many items match it in the full text.
+//    a longer one-word query when more than rankedMatchLimit() items have a
+//    title or keyword word starting with it or more than that many items
+//    match it in the full text. Up to kStoredScorePrefixLength letters the
+//    prefix's own rows are the answer; a longer prefix merges the ranges of
+//    the whole words it starts (at most kStoredScoreWordLimit of them, else
+//    the full-text rule answers).
 //  - Full text: every word is a prefix phrase in FTS5; the candidates are
 //    the matching items, but only the rankedMatchLimit() most recent (highest
 //    id) when more match; candidates rank by
@@ -28,6 +32,10 @@
 // scoring pass over most of the index. Short prefixes of frequent words,
 // the common case while typing, keep an exact best-first answer from the
 // word_prefix range, which is read in rank order and stops at the limit.
+// Longer prefixes of frequent words need it as much: FTS5 has no prefix
+// index here and merges the posting list of every term with the prefix
+// before it returns a first row, which at a million items is most of the
+// index for the commonest words.
 //
 // Threads: an Index is one connection and belongs to one thread at a time.
 // The daemon keeps one writer (the indexer and feedback) and one reader per
@@ -50,8 +58,10 @@ namespace kx::searchd {
 
 // Queries of at most this many letters always use the stored-score rule.
 inline constexpr size_t kShortPrefixLength = 2;
-// The longest prefix word_prefix holds.
+// The longest prefix word_prefix holds (longer words have a row of their own).
 inline constexpr size_t kStoredScorePrefixLength = 5;
+// The most whole words the stored-score rule merges for a longer prefix.
+inline constexpr size_t kStoredScoreWordLimit = 64;
 // Candidates the full-text rule ranks at most.
 inline constexpr size_t kDefaultRankedMatchLimit = 1000;
 
@@ -77,8 +87,8 @@ struct SearchRequest {
 struct QueryPlan {
   // Always the stored-score rule (`match` is then empty).
   bool shortPrefix = false;
-  // Folded, when the stored-score rule may answer (one word, at most
-  // kStoredScorePrefixLength letters); empty otherwise.
+  // Folded, when the stored-score rule may answer (one word); empty
+  // otherwise.
   std::string prefix;
   // The FTS5 match expression of the full-text rule.
   std::string match;
@@ -153,12 +163,17 @@ class Index {
   std::vector<IndexedItem> readItems(Statement& statement);
   std::optional<IndexedItem> firstItem(Statement& statement);
   void throwIfCancelled() const;
-  // The stored-score rule in one domain.
-  std::vector<IndexedItem> searchStoredScore(const std::string& prefix, uint32_t domain,
+  // The word_prefix keys whose ranges hold the items of `prefix`: the
+  // prefix itself up to kStoredScorePrefixLength letters, else the whole
+  // words starting with it; nullopt when there are more than
+  // kStoredScoreWordLimit such words.
+  std::optional<std::vector<std::string>> storedScoreKeys(const std::string& prefix);
+  // The stored-score rule in one domain: the best of the keys' ranges.
+  std::vector<IndexedItem> searchStoredScore(const std::vector<std::string>& keys, uint32_t domain,
                                              const SearchRequest& request);
   // The full-text candidates, most recent first; nullopt when more than the
-  // limit match and the plan has a prefix: the stored-score rule answers.
-  std::optional<std::vector<Candidate>> fullTextCandidates(const QueryPlan& plan);
+  // limit match and `storedScoreMayAnswer`: the stored-score rule answers.
+  std::optional<std::vector<Candidate>> fullTextCandidates(const QueryPlan& plan, bool storedScoreMayAnswer);
   void migrate();
   // Writes the buffered word_prefix rows (see Batch).
   void flushPrefixes();

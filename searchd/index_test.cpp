@@ -24,7 +24,7 @@ class GeneratedIndexTest : public ::testing::Test {
                                                 "ce", "do", "é", "ni", "pa", "qu", "ro", "zi"};
     for (int i = 0; i < 240; ++i) {
       std::string word;
-      for (int n = 1 + static_cast<int>(random() % 3); n > 0; --n) word += syllables[random() % syllables.size()];
+      for (int n = 1 + static_cast<int>(random() % 4); n > 0; --n) word += syllables[random() % syllables.size()];
       vocabulary_.push_back(word);
     }
     auto words = [&](int min, int max) {
@@ -33,7 +33,10 @@ class GeneratedIndexTest : public ::testing::Test {
         text += (text.empty() ? "" : " ") + vocabulary_[random() % vocabulary_.size()];
       return text;
     };
-    index_ = std::make_unique<Index>(test::TestRoot() + "/generated.db", false);
+    // One database per test: the tests of a run share the test root.
+    index_ = std::make_unique<Index>(
+        test::TestRoot() + "/generated-" + ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".db",
+        false);
     Index::Batch batch(*index_);
     for (int i = 0; i < kItems; ++i) {
       Item item;
@@ -124,14 +127,14 @@ TEST_F(GeneratedIndexTest, FullTextRuleReturnsTheBestByWeightedBm25AmongItsCandi
   constexpr size_t kLimit = 40;
   index_->setRankedMatchLimit(kLimit);
   std::mt19937 random(99);
-  int storedScoreAnswers = 0, truncatedFullText = 0, wholeFullText = 0;
+  int storedScoreAnswers = 0, longStoredScoreAnswers = 0, truncatedFullText = 0, wholeFullText = 0;
   for (int round = 0; round < 150; ++round) {
     // A whole word and the first three letters of another, or one word cut
-    // to three to six letters.
+    // to three to eight letters (beyond the prefix rows: whole-word rows).
     const std::string first = Fold(vocabulary_[random() % vocabulary_.size()]);
     const std::string second = CodePointPrefix(Fold(vocabulary_[random() % vocabulary_.size()]), 3);
     const bool oneWord = round % 2 == 1;
-    const std::string text = oneWord ? CodePointPrefix(first, 3 + random() % 4) : first + " " + second;
+    const std::string text = oneWord ? CodePointPrefix(first, 3 + random() % 6) : first + " " + second;
     const std::vector<std::string> queryWords = Words(text);
     const QueryPlan plan = PlanQuery(text);
     if (plan.shortPrefix) continue;  // a short word: the test above
@@ -163,6 +166,7 @@ TEST_F(GeneratedIndexTest, FullTextRuleReturnsTheBestByWeightedBm25AmongItsCandi
       ASSERT_TRUE(oneWord) << text;
       expected = BestByStoredScore(Fold(text), 4, {}, 5);
       ++storedScoreAnswers;
+      longStoredScoreAnswers += CodePointCount(plan.prefix) > kStoredScorePrefixLength;
     } else {
       // The most recent kLimit matches are the candidates.
       std::vector<int64_t> candidates(matching.rbegin(), matching.rend());
@@ -186,7 +190,8 @@ TEST_F(GeneratedIndexTest, FullTextRuleReturnsTheBestByWeightedBm25AmongItsCandi
     EXPECT_EQ(hits.count(4) ? Ids(hits.at(4)) : std::vector<int64_t>{}, expected) << text;
   }
   EXPECT_GT(storedScoreAnswers, 10);
-  EXPECT_GT(truncatedFullText, 10);
+  EXPECT_GT(longStoredScoreAnswers, 3);
+  EXPECT_GT(truncatedFullText, 5);
   EXPECT_GT(wholeFullText, 10);
 }
 
@@ -242,6 +247,43 @@ TEST(IndexTest, AnIndexOfTheEarlierLayoutGetsItsPrefixRowsAndKeepsEngagement) {
   Statement old = index.database().prepare("SELECT count(*) FROM sqlite_master WHERE name = 'short_prefix'");
   ASSERT_TRUE(old.step());
   EXPECT_EQ(old.integer(0), 0);
+  // Words longer than the prefix rows have a row of their own.
+  Statement whole = index.database().prepare("SELECT count(*) FROM word_prefix WHERE prefix = 'alphabet'");
+  ASSERT_TRUE(whole.step());
+  EXPECT_EQ(whole.integer(0), 1);
+}
+
+TEST(IndexTest, AnIndexWithoutWholeWordRowsIsRefilledWithoutDuplicates) {
+  const std::string path = test::TestRoot() + "/v2.db";
+  {
+    Index index(path, false);
+    index.replaceFile("s", "/f", 1, {Application("a", "Alphabet Soup")});
+    index.database().exec("DELETE FROM word_prefix WHERE length(prefix) > 5; PRAGMA user_version = 2;");
+  }
+  Index index(path, false);
+  Statement rows = index.database().prepare("SELECT count(*), count(DISTINCT prefix) FROM word_prefix");
+  ASSERT_TRUE(rows.step());
+  EXPECT_EQ(rows.integer(0), 5 + 4 + 1);  // a..alpha, s..soup, alphabet
+  EXPECT_EQ(rows.integer(1), 10);
+}
+
+// Past kStoredScoreWordLimit words the merge of their ranges would cost
+// more than the full text: a prefix that starts more of them is answered
+// from its most recent matches.
+TEST(IndexTest, ALongPrefixOfTooManyWordsFallsBackToTheFullText) {
+  Index index(test::TestRoot() + "/words.db", false);
+  index.setRankedMatchLimit(2);
+  auto addWords = [&](const std::string& stem, size_t count) {
+    std::vector<Item> items;
+    for (size_t i = 0; i < count; ++i)
+      items.push_back(Application(stem + std::to_string(i), stem + std::string(1, char('a' + i / 26)) +
+                                                                std::string(1, char('a' + i % 26))));
+    index.replaceFile("s", "/" + stem, 1, items);
+  };
+  addWords("abcdef", kStoredScoreWordLimit);
+  addWords("uvwxyz", kStoredScoreWordLimit + 1);
+  EXPECT_EQ(index.search(PlanQuery("abcdef"), SearchRequest::InDomain(4)).size(), 13u);  // stored score
+  EXPECT_EQ(index.search(PlanQuery("uvwxyz"), SearchRequest::InDomain(4)).size(), 2u);   // candidates
 }
 
 TEST(IndexTest, ACancelledQueryIsInterrupted) {

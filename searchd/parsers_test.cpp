@@ -91,7 +91,7 @@ TEST(NoteTest, TitleFromHeadingOrFirstLineAndASnippet) {
 
 TEST(IndexerTest, RereadsOnlyChangesAndSkipsMalformedFiles) {
   namespace fs = std::filesystem;
-  const std::string root = test::TestRoot() + "/data";
+  const std::string root = test::TestRoot() + "/indexer-data";  // not shared with other tests
   fs::create_directories(root + "/notes/sub");
   fs::create_directories(root + "/contacts");
   auto write = [&](const std::string& path, const std::string& text) {
