@@ -78,6 +78,7 @@
 #include "kx/queue.h"
 #include "platform/message/message_connection.h"
 #include "platform/message/message_object.h"
+#include "tests/support/daemon_event_log.h"
 
 namespace {
 
@@ -95,13 +96,8 @@ constexpr size_t kMiB = size_t{1} << 20;
 // The data object that wide property lists refer to again and again.
 constexpr size_t kSharedData = 60 * 1024;
 
-int gLog = -1;
 
-void Record(const std::string& line) {
-  const std::string text = std::to_string(getpid()) + "\t" + line + "\n";
-  // O_APPEND and one write per line: lines of parallel queries never mix.
-  [[maybe_unused]] ssize_t n = write(gLog, text.data(), text.size());
-}
+void Record(const std::string& line) { kx::test::RecordDaemonEvent(line); }
 
 // Queries whose "CloseQuery" arrived, for scripts that wait for it.
 class ClosedQueries {
@@ -547,10 +543,6 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: hostile_daemon --service <name> --log <file>\n");
     return 2;
   }
-  gLog = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-  if (gLog < 0) {
-    std::fprintf(stderr, "hostile_daemon: cannot open %s: %s\n", log.c_str(), std::strerror(errno));
-    return 1;
-  }
+  if (!kx::test::OpenDaemonEventLog(log, "hostile_daemon")) return 1;
   return Serve(service);
 }

@@ -75,6 +75,7 @@
 #include "kx/KXSearchResult.h"
 #include "kx/KXSearchResultSection.h"
 #include "kx/main_loop.h"
+#include "tests/support/daemon_event_log.h"
 #include "kx/queue.h"
 #include "kx/KXSearchResultSerializer.h"
 
@@ -93,16 +94,10 @@ struct Options {
   std::string emptyQueryScript;
 };
 
-int gLog = -1;
 std::mutex gHeldMutex;
 std::vector<Message> gHeld;  // guarded by gHeldMutex; requests never answered
 
-void Record(const std::string& line) {
-  const std::string text = std::to_string(getpid()) + "\t" + line + "\n";
-  // O_APPEND and one write per line: lines of parallel peers and of
-  // successive daemons never interleave.
-  [[maybe_unused]] ssize_t n = write(gLog, text.data(), text.size());
-}
+void Record(const std::string& line) { kx::test::RecordDaemonEvent(line); }
 
 std::string OneLine(std::string text) {
   std::string out;
@@ -377,11 +372,6 @@ int main(int argc, char** argv) {
                  " [--per-query-scripts] [--empty-query-script <script>]\n");
     return 2;
   }
-  gLog = open(options.log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-  if (gLog < 0) {
-    std::fprintf(stderr, "test_daemon: cannot open %s: %s\n", options.log.c_str(),
-                 std::strerror(errno));
-    return 1;
-  }
+  if (!kx::test::OpenDaemonEventLog(options.log, "test_daemon")) return 1;
   return Serve(options);
 }
