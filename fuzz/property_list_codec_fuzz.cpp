@@ -17,9 +17,11 @@
 //   are not finite or further than 1e15 s from the reference date, strings
 //   that are not well-formed ASCII or UTF-16 or that hold a NUL.
 // One difference the other way: libplist 2.2 refuses an empty UTF-16
-// string (marker 0x60), a valid object. When libplist refuses what we read,
-// both readers get a second chance with every such object turned into the
-// empty ASCII string (0x50), the same value in the same size. Objects may
+// string, a valid object, whether its length is in the marker (0x60) or in
+// a following integer (0x6F 0x1n and 2^n zero bytes). When libplist refuses
+// what we read, both readers get a second chance with every such object
+// turned into the empty ASCII string (0x50 or 0x5F with the same integer),
+// the same value in the same size. Objects may
 // overlap, so the change can alter another object too; both readers then
 // see the same altered bytes, and when ours refuses them the input is
 // passed over.
@@ -45,6 +47,19 @@ bool IsDeliberateRefusal(std::string_view reason) {
   return false;
 }
 
+// Whether the object at `offset` (before `end`) is an empty UTF-16 string.
+bool IsEmptyUtf16String(std::span<const uint8_t> bytes, uint64_t offset, uint64_t end) {
+  const uint8_t marker = bytes[offset];
+  if (marker == kx::bplist::kUtf16String) return true;
+  if (marker != (kx::bplist::kUtf16String | 0x0F) || offset + 2 > end) return false;
+  // The length follows as an integer object of 1, 2, 4 or 8 bytes.
+  const uint8_t lengthMarker = bytes[offset + 1];
+  if ((lengthMarker & 0xF0) != 0x10 || (lengthMarker & 0x0F) > 3) return false;
+  const uint64_t lengthSize = uint64_t{1} << (lengthMarker & 0x0F);
+  if (offset + 2 + lengthSize > end) return false;
+  return kx::bplist::ReadBigEndian(bytes.data() + offset + 2, lengthSize) == 0;
+}
+
 // `bytes` (which our reader accepted) with every object that is an empty
 // UTF-16 string made an empty ASCII string.
 std::vector<uint8_t> EmptyUtf16AsAscii(std::span<const uint8_t> bytes) {
@@ -56,7 +71,9 @@ std::vector<uint8_t> EmptyUtf16AsAscii(std::span<const uint8_t> bytes) {
   const uint64_t table = ReadBigEndian(trailer + 24, 8);
   for (uint64_t i = 0; i < count; ++i) {
     const uint64_t offset = ReadBigEndian(bytes.data() + table + i * offsetSize, offsetSize);
-    if (offset < table && out[offset] == kx::bplist::kUtf16String) out[offset] = kx::bplist::kAsciiString;
+    // Only the marker's type nibble changes: 0x60 -> 0x50, 0x6F -> 0x5F.
+    if (offset < table && IsEmptyUtf16String(bytes, offset, table))
+      out[offset] = static_cast<uint8_t>(kx::bplist::kAsciiString | (bytes[offset] & 0x0F));
   }
   return out;
 }
