@@ -142,7 +142,10 @@ class Reader {
     const uint64_t table = ReadBigEndian(t + 24, 8);
     const uint64_t tableEnd = size - kTrailerSize;
     if (count == 0 || top >= count) return "bad object count or top object";
-    if (table < kHeaderSize + 1 || table > tableEnd) return "offset table out of range";
+    // Objects lie between the header and the offset table: a table that
+    // starts within the header's eight bytes leaves them only the header.
+    if (table <= kHeaderSize) return "no room for objects before the offset table";
+    if (table > tableEnd) return "offset table out of range";
     if (count > (tableEnd - table) / offsetSize_) return "offset table out of range";
     objectCount_ = count;
     top_ = top;

@@ -285,6 +285,10 @@ TEST(PropertyListTest, RejectsBadFramingAndOversizedInput) {
   v[v.size() - 8] = 0xFF;  // offset table position, high byte
   EXPECT_EQ(DecodeBinaryPropertyList(v).error, "offset table out of range");
   v = good;
+  v[v.size() - 1] = 8;  // the offset table right after the 8-byte header
+  for (size_t i = v.size() - 8; i + 1 < v.size(); ++i) v[i] = 0;
+  EXPECT_EQ(DecodeBinaryPropertyList(v).error, "no room for objects before the offset table");
+  v = good;
   v[v.size() - 16] = 0xFF;  // top object, high byte
   EXPECT_EQ(DecodeBinaryPropertyList(v).error, "bad object count or top object");
 

@@ -10,7 +10,8 @@
 // - Offset or reference sizes outside 1 to 8 bytes (libplist 2.2 takes a
 //   reference size of 47, for one).
 // - Objects at offsets inside the header, whose bytes ("bplist00") some
-//   readers take for objects.
+//   readers take for objects; and so an offset table that starts within the
+//   header's eight bytes, before which objects could only be in the header.
 // - What the value model cannot hold: object types other than booleans,
 //   integers, reals, dates, data, strings, arrays and dictionaries (null,
 //   fill, UIDs, sets), 16-byte integers beyond 64 unsigned bits, dates that
@@ -40,8 +41,9 @@ namespace {
 bool IsDeliberateRefusal(std::string_view reason) {
   for (std::string_view deliberate :
        {"property list too large", "nesting too deep", "too many objects", "too much content",
-        "reference cycle", "bad offset or reference size", "object offset inside the header", "unsupported object type", "integer out of range", "bad date",
-        "bad ASCII string", "bad UTF-16 string"}) {
+        "reference cycle", "bad offset or reference size", "object offset inside the header",
+        "no room for objects before the offset table", "unsupported object type",
+        "integer out of range", "bad date", "bad ASCII string", "bad UTF-16 string"}) {
     if (reason == deliberate) return true;
   }
   return false;
