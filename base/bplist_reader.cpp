@@ -154,16 +154,19 @@ class Reader {
     return nullptr;
   }
 
-  // Reads the extended count that follows a marker whose low nibble is 0xF.
-  bool ReadCount(uint64_t& pos, uint64_t& count) const {
-    if (pos >= objectsEnd_) return false;
+  // Reads the extended count that follows a marker whose low nibble is 0xF;
+  // null, or why it cannot be read.
+  const char* ReadCount(uint64_t& pos, uint64_t& count) const {
+    if (pos >= objectsEnd_) return "bad length";
     const uint8_t marker = bytes_[pos];
-    if ((marker & 0xF0) != kInteger || (marker & 0x0F) > 3) return false;
+    if ((marker & 0xF0) != kInteger) return "bad length";
+    // Counts are at most 64 bits; wider integers are refused, not cut.
+    if ((marker & 0x0F) > 3) return "length wider than 8 bytes";
     const size_t n = size_t{1} << (marker & 0x0F);
-    if (n > objectsEnd_ - pos - 1) return false;
+    if (n > objectsEnd_ - pos - 1) return "bad length";
     count = ReadBigEndian(bytes_.data() + pos + 1, n);
     pos += 1 + n;
-    return true;
+    return nullptr;
   }
 
   static double DoubleFromBits(uint64_t bits) {
@@ -218,7 +221,9 @@ class Reader {
         return "unsupported object type";
     }
     uint64_t count = nibble;
-    if (nibble == kExtendedLength && !ReadCount(pos, count)) return "bad length";
+    if (nibble == kExtendedLength) {
+      if (const char* error = ReadCount(pos, count)) return error;
+    }
     uint64_t unit = 1;
     Type type = Type::Data;
     switch (marker & 0xF0) {

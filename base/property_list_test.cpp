@@ -291,6 +291,15 @@ TEST(PropertyListTest, RejectsBadFramingAndOversizedInput) {
   v = good;
   v[v.size() - 16] = 0xFF;  // top object, high byte
   EXPECT_EQ(DecodeBinaryPropertyList(v).error, "bad object count or top object");
+  // 20 bytes of data: marker 0x4F, then the length as a one-byte integer
+  // (0x10 0x14); made a 16-byte integer (0x14), it is refused, not cut.
+  v = EncodeBinaryPropertyList(Value(Value::Bytes(20, 7)));
+  ASSERT_EQ(v[8], 0x4F);
+  ASSERT_EQ(v[9], 0x10);
+  v[9] = 0x14;
+  EXPECT_EQ(DecodeBinaryPropertyList(v).error, "length wider than 8 bytes");
+  v[9] = 0x20;  // not an integer
+  EXPECT_EQ(DecodeBinaryPropertyList(v).error, "bad length");
 
   std::vector<uint8_t> huge(kMaxPropertyListBytes + 1, 0);
   std::memcpy(huge.data(), good.data(), 8);

@@ -8,7 +8,8 @@
 //   references expand to, reference cycles. libplist is not given such
 //   inputs at all: they are what the limits keep away from a decoder.
 // - Offset or reference sizes outside 1 to 8 bytes (libplist 2.2 takes a
-//   reference size of 47, for one).
+//   reference size of 47, for one), and lengths given by integers wider
+//   than 8 bytes (libplist reads a 32-byte one).
 // - Objects at offsets inside the header, whose bytes ("bplist00") some
 //   readers take for objects; and so an offset table that starts within the
 //   header's eight bytes, before which objects could only be in the header.
@@ -41,7 +42,8 @@ namespace {
 bool IsDeliberateRefusal(std::string_view reason) {
   for (std::string_view deliberate :
        {"property list too large", "nesting too deep", "too many objects", "too much content",
-        "reference cycle", "bad offset or reference size", "object offset inside the header",
+        "reference cycle", "bad offset or reference size", "length wider than 8 bytes",
+        "object offset inside the header",
         "no room for objects before the offset table", "unsupported object type",
         "integer out of range", "bad date", "bad ASCII string", "bad UTF-16 string"}) {
     if (reason == deliberate) return true;
